@@ -1,0 +1,71 @@
+#pragma once
+
+// One IPv4 TCP endpoint, client or server side, with the receive reassembly
+// buffer of its connection. Only the initialising operations throw
+// (SocketException, fixed texts); everything else reports by return value.
+
+#include <netinet/in.h>
+
+#include <string>
+
+#include "msg/export.h"
+
+// Thrown by the initialising operations. Deliberately not derived from
+// std::exception: callers catch it by type (and by value).
+class TARN_API SocketException {
+ public:
+  explicit SocketException(const std::string& message) : m_message(message) {}
+  std::string m_message;
+};
+
+// Opaque TLS session record, for the TLS hook below.
+struct ssl_st;
+
+class TARN_API Socket {
+ public:
+  // No descriptor (m_sock -1), empty buffer, m_addr all zero.
+  Socket();
+  // Creates the descriptor and connects with up to 101 attempts, then switches
+  // to non-blocking. Throws SocketException on failure.
+  Socket(std::string address, int port);
+  // Closes m_sock when it is not -1. m_sock keeps the closed number.
+  virtual ~Socket();
+
+  // Copying would close one descriptor twice.
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  // Ignores SIGPIPE process-wide, opens the descriptor, sets SO_REUSEADDR.
+  bool Create();
+  // Create, up to 3 connection attempts, non-blocking. Throws on failure.
+  void Client_init(std::string address, int port);
+  // Create, up to 101 bind-and-listen attempts, non-blocking. Throws on failure.
+  void Server_init(std::string address, int port);
+  // One connection attempt (blocking descriptor).
+  bool Client_connect(std::string address, int port);
+  // One bind and listen; announces "Server started success, listen at ...".
+  bool Server_bind(std::string address, int port);
+  // Connects the existing descriptor to m_addr again.
+  bool Client_reconnect();
+  // Accepts one pending client and announces it; the new descriptor or -1.
+  int Accpet_client();
+  // Sets or clears O_NONBLOCK; the result of the last fcntl.
+  int Set_non_blocking(bool on);
+  // Adopts a descriptor (the previous one is not closed), non-blocking.
+  int Get(int fd);
+  // One send of all of data; true unless send failed (partial writes count).
+  bool Send(std::string data) const;
+  // One recv of at most 102400 bytes into out: the count, 0 (peer closed) or -1.
+  int Recv(std::string& out) const;
+
+  // Hooks kept for a later TLS layer; they do nothing.
+  void SSL_init(int fd);
+  void OpenSSL_free();
+
+  std::string m_buffer;
+  int m_sock;
+  sockaddr_in m_addr;
+};
+
+// TLS hook; does nothing.
+TARN_API void ShowCerts(ssl_st* ssl);

@@ -1,0 +1,78 @@
+#pragma once
+
+// The application's handle on one robot, reached through the control server.
+//
+// Create a Robot (it connects to the compiled-in server address, port 6868,
+// and queues its announcement), then call Handle() from the application's own
+// loop. Commands only queue messages; Handle() is the one place where bytes
+// move. Nothing runs in the background and nothing blocks once connected.
+//
+// All Robot objects of a process share the module-wide connection, mailbox
+// and list of running actions below.
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <utility>
+
+#include "msg/export.h"
+#include "msg/msg.h"
+#include "net/Socket.h"
+
+class TARN_API Robot {
+ public:
+  // Connects; prints "Can Not Connect Server !" and stays disconnected for
+  // good when the server cannot be reached.
+  Robot();
+  // Resets the fields, closes the shared socket, drops the running actions and
+  // every queued message. Sends nothing.
+  ~Robot();
+
+  // A copy's destructor would tear down the connection every Robot shares.
+  Robot(const Robot&) = delete;
+  Robot& operator=(const Robot&) = delete;
+
+  // Queues KEY_KILL, then KEY_INIT with the pose (x and y in millimetres).
+  void Init(float x, float y, float z);
+  // Queues KEY_KILL and clears online.
+  void Kill();
+  // One service step: receive, apply received messages, send the queue.
+  void Handle();
+
+  // Go to one position (x and y in millimetres). Needs an online, free robot.
+  bool SetPosition(float x, float y, float z);
+  // Go along way-points; each pointer addresses at least three floats (x, y
+  // in millimetres, z). Needs an online, free robot.
+  bool SetPosition(std::deque<float*> points);
+  // 300 to 1300 mm/s. Needs a connection.
+  bool SetVelocity(int v);
+  // 100 to 1000 mm/s^2. Needs a connection.
+  bool SetAcceleration(int a);
+  // -pi to pi radians (single precision). Needs an online, free robot.
+  bool SetOrientation(float r);
+  // Asks the robot for an immediate status report. Needs an online robot.
+  void GetDetial();
+
+  // Three lines: name, task state and online word; position; velocity,
+  // acceleration and voltage.
+  std::string DebugString();
+
+  std::string name;
+  float x;
+  float y;
+  float z;
+  float orientation;
+  float acceleration;
+  float velocity;
+  float voltage;
+  bool connected;
+  bool online;
+  std::int32_t state;
+};
+
+// Module-wide state shared by every Robot: the connection to the control
+// server, the mailbox, and the actions sent and not yet reported finished
+// (the bool lets "path" progress reports trim the action's way-points).
+extern TARN_API Socket m_socket;
+extern TARN_API MailBox m_msg;
+extern TARN_API std::deque<std::pair<bool, Action_RTS>> acts;
