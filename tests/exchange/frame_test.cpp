@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 
@@ -14,9 +15,17 @@
 
 namespace {
 
-std::string bytes(std::initializer_list<int> list) {
-  std::string out;
-  for (int b : list) out.push_back(static_cast<char>(b));
+// Bytes from hexadecimal digits; blanks are for reading only.
+std::string hex(const std::string& digits) {
+  std::string out, pair;
+  for (char c : digits) {
+    if (c == ' ') continue;
+    pair += c;
+    if (pair.size() == 2) {
+      out.push_back(static_cast<char>(std::stoi(pair, nullptr, 16)));
+      pair.clear();
+    }
+  }
   return out;
 }
 
@@ -32,9 +41,9 @@ std::string frame(const std::string& sender, RTS_key key, int tag = 0) {
   return make_frame(body(sender, key, tag));
 }
 
-// '#', type 11 and the given length word, nothing else.
-std::string head(int b0, int b1 = 0, int b2 = 0, int b3 = 0) {
-  return bytes({'#', 11, 0, 0, 0, b0, b1, b2, b3});
+// '#', type 11 and the given length word (8 hex digits), nothing else.
+std::string head(const std::string& length) {
+  return hex("23 0b000000" + length);
 }
 
 // Bytes that a body may hold and that must not confuse the cutter.
@@ -49,8 +58,8 @@ const char kNotice[] = "\t socket  alinement protection \n";
 }  // namespace
 
 TEST(Frame, LayoutOnTheWire) {
-  EXPECT_EQ(make_frame(""), bytes({0x23, 0x0B, 0, 0, 0, 0, 0, 0, 0, 0x3B}));
-  EXPECT_EQ(make_frame("abc"), bytes({0x23, 0x0B, 0, 0, 0, 3, 0, 0, 0, 'a', 'b', 'c', 0x3B}));
+  EXPECT_EQ(make_frame(""), hex("23 0b000000 00000000 3b"));
+  EXPECT_EQ(make_frame("abc"), hex("23 0b000000 03000000 616263 3b"));
 
   int sv[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
@@ -66,8 +75,8 @@ TEST(Frame, LayoutOnTheWire) {
   ASSERT_TRUE(send_msg(a, m));
   std::string wire;
   ASSERT_EQ(b.Recv(wire), 62);
-  EXPECT_EQ(wire, bytes({0x23, 0x0B, 0, 0, 0, 52, 0, 0, 0}) + m.str() + ";");
-  EXPECT_EQ(wire.substr(9, 12), bytes({0, 0, 0, 0, 3, 0, 0, 0, 'T', '-', '0', 4}));
+  EXPECT_EQ(wire, hex("23 0b000000 34000000 00000000 03000000 542d30 04000000 53562d30 14000000"
+                      "05000000 5370656564 01000000 4e 01000000 4e 20030000 25 00000000 25 3b"));
 }
 
 TEST(Frame, RecvResultSequences) {
@@ -129,38 +138,38 @@ TEST(Frame, ReassemblyAndFiling) {
 TEST(Frame, DamagedFramesAreCutAtTheFirstEnder) {
   MailBox box;
   // Oversized, even with only part of the length word buffered.
-  std::string buf = head(0xF0, 0xFF, 0xFF).substr(0, 8);
+  std::string buf = hex("23 0b000000 f0ffff");
   EXPECT_EQ(file_frame(buf, box, 8), 0);
   EXPECT_EQ(buf.size(), 8u);
   buf += "ab;cd";
   EXPECT_EQ(file_frame(buf, box, 5), 0);
   EXPECT_EQ(buf, "cd");
   // Below -10 wraps around and is oversized too.
-  buf = head(0xF5, 0xFF, 0xFF, 0xFF) + "z;" + frame("SV-0", KEY_DETAIL);
+  buf = head("f5ffffff") + "z;" + frame("SV-0", KEY_DETAIL);
   EXPECT_EQ(file_frame(buf, box, 1), 0);
   EXPECT_EQ(buf, frame("SV-0", KEY_DETAIL));
 
   // Misaligned terminator: the notice only when a ';' was found.
   testing::internal::CaptureStdout();
-  buf = head(5) + "abcdeX";
+  buf = head("05000000") + "abcdeX";
   EXPECT_EQ(file_frame(buf, box, 1), 0);
-  EXPECT_EQ(buf, head(5) + "abcdeX");
+  EXPECT_EQ(buf, head("05000000") + "abcdeX");
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
   testing::internal::CaptureStdout();
   buf += "g;rest";
   EXPECT_EQ(file_frame(buf, box, 1), 0);
   EXPECT_EQ(buf, "rest");
   // A length word of 59 starts with 0x3B: only the header's first six bytes go.
-  buf = head(59) + std::string(60, 'q');
+  buf = head("3b000000") + std::string(60, 'q');
   EXPECT_EQ(file_frame(buf, box, 1), 0);
-  EXPECT_EQ(buf, bytes({0, 0, 0}) + std::string(60, 'q'));
+  EXPECT_EQ(buf, hex("000000") + std::string(60, 'q'));
   EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string(kNotice) + kNotice);
   EXPECT_TRUE(box.inbox.empty());
 
   // -10 points before the frame: a bounds-checked access throws.
-  buf = "zz" + head(0xF6, 0xFF, 0xFF, 0xFF);
+  buf = "zz" + head("f6ffffff");
   EXPECT_THROW(file_frame(buf, box, 1), std::out_of_range);
-  EXPECT_EQ(buf, head(0xF6, 0xFF, 0xFF, 0xFF));
+  EXPECT_EQ(buf, head("f6ffffff"));
 }
 
 TEST(Frame, WrongTypeAndUndecodableBodiesStayStuck) {

@@ -2,21 +2,15 @@
 // exchange a few thousand messages both ways: every one must be filed intact
 // and in order.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <string>
-#include <thread>
 #include <vector>
 
 #include "msg/msg.h"
-#include "net/Socket.h"
+#include "net/loopback.h"
 
 namespace {
 
@@ -54,28 +48,13 @@ struct End {
 }  // namespace
 
 TEST(Exchange, ThousandsOfFramesBothWaysOverLoopback) {
-  int port = 0;
-  {
-    const int probe = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(addr);
-    ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr*>(&addr), len), 0);
-    getsockname(probe, reinterpret_cast<sockaddr*>(&addr), &len);
-    port = ntohs(addr.sin_port);
-    close(probe);
-  }
+  const int port = loopback_port();
   Socket listener;
+  End a, b;
   testing::internal::CaptureStdout();
   listener.Server_init("127.0.0.1", port);
-  End a, b;
   a.sock.Client_init("127.0.0.1", port);
-  int fd = -1;
-  for (int i = 0; i < 5000 && fd == -1; ++i) {
-    if ((fd = listener.Accpet_client()) == -1)
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  const int fd = accept_wait(listener);
   testing::internal::GetCapturedStdout();
   ASSERT_NE(fd, -1);
   b.sock.Get(fd);
