@@ -1,0 +1,427 @@
+#include "sim_core.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+namespace tarn_sim {
+
+const char* const kServerId = "SV-0";
+const char* const kRobotId = "R-0";
+const char* const kClientId = "T-0";
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+// Closer than this to a way-point counts as being on it (mm).
+constexpr double kArriveMm = 0.5;
+// Heading error below which the robot drives instead of turning (rad).
+constexpr double kFacingTolerance = 1e-6;
+
+// Normalises an angle into (-pi, pi].
+double Wrap(double a) {
+  a = std::remainder(a, 2 * kPi);
+  if (a <= -kPi) a += 2 * kPi;
+  return a;
+}
+
+// Parses a whole text as one finite number (blanks around it allowed).
+bool ParseNumber(const std::string& text, double& out) {
+  const char* begin = text.c_str();
+  char* end = nullptr;
+  double v = std::strtod(begin, &end);
+  if (end == begin) return false;
+  while (*end == ' ' || *end == '\t') ++end;
+  // A NUL before the string's end means embedded bytes that are not a number.
+  if (static_cast<std::size_t>(end - begin) != text.size() || !std::isfinite(v)) return false;
+  out = v;
+  return true;
+}
+
+// Rounds tiny magnitudes to zero so that the report never shows "-0.000".
+double Clean(double v, double resolution) {
+  return std::fabs(v) < resolution / 2 ? 0.0 : v;
+}
+
+std::string Escape(const std::string& text) {
+  constexpr std::size_t kMaxShown = 80;
+  std::string out;
+  std::size_t n = std::min(text.size(), kMaxShown);
+  for (std::size_t i = 0; i < n; ++i) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c >= 0x20 && c < 0x7f) {
+      out += static_cast<char>(c);
+    } else {
+      char buf[8];
+      std::snprintf(buf, sizeof buf, "\\x%02x", c);
+      out += buf;
+    }
+  }
+  if (text.size() > n) out += "...(+" + std::to_string(text.size() - n) + " bytes)";
+  return out;
+}
+
+}  // namespace
+
+RobotSim::RobotSim(SimConfig config)
+    : cfg_(config),
+      speed_limit_(config.speed_limit),
+      accel_limit_(config.accel_limit),
+      voltage_(config.voltage_full) {}
+
+int RobotSim::task_state() const {
+  if (error_ != 0) return error_;
+  return busy() ? kWorking : kFree;
+}
+
+Message_RTS RobotSim::StatusReport() const {
+  char text[160];
+  std::snprintf(text, sizeof text, "%.2f %.3f %.3f %d %.4f %.1f %.1f", voltage_,
+                Clean(x_mm_ / 1000.0, 1e-3), Clean(y_mm_ / 1000.0, 1e-3), task_state(),
+                Clean(heading_, 1e-4), Clean(velocity_, 0.1), Clean(accel_, 0.1));
+  Message_RTS m;
+  m.sender_id = kRobotId;
+  m.receiver_id = client_;
+  m.key = KEY_DETAIL;
+  m.text_param1 = text;
+  m.text_param2 = kRobotId;
+  return m;
+}
+
+Message_RTS RobotSim::FromServer(RTS_key key) const {
+  Message_RTS m;
+  m.sender_id = kServerId;
+  m.receiver_id = client_;
+  m.key = key;
+  return m;
+}
+
+Message_RTS RobotSim::Progress(const std::string& what, int count, const std::string& code) const {
+  Message_RTS m;
+  m.sender_id = kRobotId;
+  m.receiver_id = client_;
+  m.key = KEY_ACTION;
+  m.int_param = count;
+  m.text_param1 = what;
+  // The way-point's label, for whoever reads a capture; the client ignores it.
+  if (!code.empty()) m.text_param2 = code;
+  return m;
+}
+
+void RobotSim::FlushClosures(std::vector<Message_RTS>& out) {
+  for (; pending_closures_ > 0; --pending_closures_) out.push_back(Progress("action", 0, ""));
+}
+
+void RobotSim::StopAll(std::vector<Message_RTS>& out) {
+  // Every cancelled action is closed, oldest first, so that the client's list
+  // of running actions empties along with the robot's.
+  for (std::size_t i = 0; i < runs_.size(); ++i) out.push_back(Progress("action", 0, ""));
+  runs_.clear();
+  FlushClosures(out);
+  turning_ = false;
+  velocity_ = 0;
+  accel_ = 0;
+}
+
+void RobotSim::Refuse(int code, std::size_t actions, std::vector<Message_RTS>& out) {
+  // The error stays latched (reported as the task state) until the next
+  // accepted command, INIT or KILL clears it.
+  error_ = code;
+  pending_closures_ += static_cast<int>(actions);
+  if (runs_.empty()) FlushClosures(out);
+  out.push_back(StatusReport());
+}
+
+void RobotSim::ClientLeft() {
+  std::vector<Message_RTS> discarded;
+  StopAll(discarded);
+  pending_closures_ = 0;
+  registered_ = false;
+  online_ = false;
+  error_ = 0;
+  client_ = kClientId;
+}
+
+std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in) {
+  std::vector<Message_RTS> out;
+  switch (in.key) {
+    case KEY_CONNECT:
+      registered_ = true;
+      if (!in.sender_id.empty()) client_ = in.sender_id;
+      next_report_ = time_;
+      break;
+
+    case KEY_INIT: {
+      double x = 0, y = 0, h = 0;
+      if (!ParseNumber(in.text_param1, x) || !ParseNumber(in.text_param2, y) ||
+          !ParseNumber(in.text_param3, h)) {
+        error_ = kBadParameter;
+        out.push_back(StatusReport());
+        break;
+      }
+      StopAll(out);
+      // The third number is unscaled; a ground robot has no height, so it is
+      // the initial heading in radians.
+      x_mm_ = x * 1000.0;
+      y_mm_ = y * 1000.0;
+      heading_ = Wrap(h);
+      online_ = true;
+      error_ = 0;
+      out.push_back(FromServer(KEY_INIT));
+      out.push_back(StatusReport());
+      break;
+    }
+
+    case KEY_KILL:
+      StopAll(out);
+      online_ = false;
+      error_ = 0;
+      out.push_back(FromServer(KEY_KILL));
+      out.push_back(StatusReport());
+      break;
+
+    case KEY_SET_PARAM:
+      if (in.int_param > 0 && in.text_param1 == "Speed") {
+        speed_limit_ = in.int_param;
+        error_ = 0;
+      } else if (in.int_param > 0 && in.text_param1 == "Acceleration") {
+        accel_limit_ = in.int_param;
+        error_ = 0;
+      } else {
+        Refuse(kBadParameter, 0, out);
+      }
+      break;
+
+    case KEY_ORIENTATION: {
+      std::istringstream text(in.text_param1);
+      std::string tag;
+      std::string value;
+      double r = 0;
+      if (!online_) {
+        Refuse(kNotOnline, 0, out);
+      } else if (busy()) {
+        Refuse(kBusy, 0, out);
+      } else if (!(text >> tag >> value) || tag != "r" || !ParseNumber(value, r)) {
+        Refuse(kBadParameter, 0, out);
+      } else {
+        error_ = 0;
+        turning_ = true;
+        turn_target_ = Wrap(r);
+        out.push_back(StatusReport());
+      }
+      break;
+    }
+
+    case KEY_ACTION: {
+      const std::size_t n = in.actions.size();
+      if (!online_) {
+        Refuse(kNotOnline, n, out);
+        break;
+      }
+      if (busy()) {
+        Refuse(kBusy, n, out);
+        break;
+      }
+      int problem = 0;
+      std::deque<Run> accepted;
+      for (const Action_RTS& a : in.actions) {
+        if (a.type != 1) {
+          problem = kUnsupported;
+          break;
+        }
+        Run run;
+        for (const QrInfo_RTS& q : a.path) {
+          if (!std::isfinite(q.x) || !std::isfinite(q.y)) problem = kBadParameter;
+          run.path.push_back(Point{q.qr_code, q.x * 1000.0, q.y * 1000.0});
+        }
+        accepted.push_back(std::move(run));
+      }
+      if (problem != 0) {
+        Refuse(problem, n, out);
+        break;
+      }
+      error_ = 0;
+      for (Run& run : accepted) runs_.push_back(std::move(run));
+      out.push_back(StatusReport());
+      break;
+    }
+
+    case KEY_GET_DETAIL:
+      out.push_back(StatusReport());
+      break;
+
+    default:
+      break;  // not for this robot: ignored
+  }
+  return out;
+}
+
+std::vector<Message_RTS> RobotSim::Advance(double seconds) {
+  std::vector<Message_RTS> out;
+  while (seconds > 1e-12) {
+    double h = std::min(seconds, cfg_.step);
+    Step(h, out);
+    seconds -= h;
+  }
+  return out;
+}
+
+void RobotSim::Step(double h, std::vector<Message_RTS>& out) {
+  if (turning_) {
+    velocity_ = 0;
+    accel_ = 0;
+    double diff = Wrap(turn_target_ - heading_);
+    double max_turn = cfg_.turn_rate * h;
+    if (std::fabs(diff) <= max_turn) {
+      heading_ = turn_target_;
+      turning_ = false;
+      out.push_back(StatusReport());
+    } else {
+      heading_ = Wrap(heading_ + std::copysign(max_turn, diff));
+    }
+  } else if (!runs_.empty()) {
+    DriveStep(h, out);
+  } else {
+    velocity_ = 0;
+    accel_ = 0;
+  }
+
+  double drain = cfg_.drain_idle + cfg_.drain_per_mps * velocity_ / 1000.0;
+  voltage_ = std::max(cfg_.voltage_empty, voltage_ - drain * h);
+  time_ += h;
+
+  if (registered_ && cfg_.report_rate_hz > 0 && time_ + 1e-9 >= next_report_) {
+    out.push_back(StatusReport());
+    const double period = 1.0 / cfg_.report_rate_hz;
+    next_report_ += period;
+    if (next_report_ <= time_) next_report_ = time_ + period;
+  }
+}
+
+void RobotSim::DriveStep(double h, std::vector<Message_RTS>& out) {
+  Run& run = runs_.front();
+  if (run.path.empty()) {
+    // Nothing to drive: the action is done as soon as it starts.
+    runs_.pop_front();
+    out.push_back(Progress("action", 0, ""));
+    if (runs_.empty()) {
+      FlushClosures(out);
+      out.push_back(StatusReport());
+    }
+    return;
+  }
+  const Point& p = run.path.front();
+  const double dx = p.x_mm - x_mm_;
+  const double dy = p.y_mm - y_mm_;
+  const double d = std::hypot(dx, dy);
+  if (d < kArriveMm) {
+    Arrive(out);
+    return;
+  }
+  const double bearing = std::atan2(dy, dx);
+
+  // The robot stops on every way-point and turns on the spot towards the
+  // next one before it drives off.
+  if (velocity_ == 0) {
+    double diff = Wrap(bearing - heading_);
+    if (std::fabs(diff) > kFacingTolerance) {
+      accel_ = 0;
+      double max_turn = cfg_.turn_rate * h;
+      heading_ =
+          std::fabs(diff) <= max_turn ? bearing : Wrap(heading_ + std::copysign(max_turn, diff));
+      return;
+    }
+  }
+
+  // Trapezoidal profile: accelerate up to the speed limit, and never faster
+  // than the speed from which the acceleration limit still stops the robot
+  // on the way-point.
+  const double a = accel_limit_;
+  const double target = std::min(speed_limit_, std::sqrt(2 * a * d));
+  const double v0 = velocity_;
+  const double v1 = v0 <= target ? std::min(v0 + a * h, target) : std::max(v0 - a * h, target);
+  const double move = 0.5 * (v0 + v1) * h;
+  accel_ = (v1 - v0) / h;
+  velocity_ = v1;
+  heading_ = bearing;
+  if (move >= d) {
+    Arrive(out);
+  } else {
+    x_mm_ += dx / d * move;
+    y_mm_ += dy / d * move;
+  }
+}
+
+void RobotSim::Arrive(std::vector<Message_RTS>& out) {
+  Run& run = runs_.front();
+  const Point p = run.path.front();
+  run.path.pop_front();
+  x_mm_ = p.x_mm;
+  y_mm_ = p.y_mm;
+  velocity_ = 0;
+  accel_ = 0;
+  out.push_back(Progress("path", 1, p.code));
+  if (run.path.empty()) {
+    runs_.pop_front();
+    out.push_back(Progress("action", 0, ""));
+    if (runs_.empty()) {
+      FlushClosures(out);
+      out.push_back(StatusReport());
+    }
+  }
+}
+
+std::string KeyName(RTS_key key) {
+  switch (key) {
+    case KEY_NONE:
+      return "KEY_NONE";
+    case KEY_CONNECT:
+      return "KEY_CONNECT";
+    case KEY_INIT:
+      return "KEY_INIT";
+    case KEY_KILL:
+      return "KEY_KILL";
+    case KEY_ORIENTATION:
+      return "KEY_ORIENTATION";
+    case KEY_ACTION:
+      return "KEY_ACTION";
+    case KEY_GET_DETAIL:
+      return "KEY_GET_DETAIL";
+    case KEY_DETAIL:
+      return "KEY_DETAIL";
+    case KEY_SET_PARAM:
+      return "KEY_SET_PARAM";
+  }
+  return "KEY_" + std::to_string(static_cast<int>(key));
+}
+
+std::string Describe(const Message_RTS& m) {
+  std::ostringstream s;
+  s << Escape(m.sender_id) << " -> " << Escape(m.receiver_id) << ' ' << KeyName(m.key)
+    << " int=" << m.int_param << " \"" << Escape(m.text_param1) << "\" \"" << Escape(m.text_param2)
+    << "\" \"" << Escape(m.text_param3) << '"';
+  if (!m.actions.empty()) {
+    constexpr std::size_t kMaxPoints = 8;
+    s << " actions=" << m.actions.size();
+    for (const Action_RTS& a : m.actions) {
+      s << " [type " << a.type << ", " << a.path.size() << " pts:";
+      std::size_t shown = 0;
+      for (const QrInfo_RTS& q : a.path) {
+        if (shown++ == kMaxPoints) {
+          s << " ...";
+          break;
+        }
+        s << ' ' << Escape(q.qr_code) << '(' << q.x << ',' << q.y << ')';
+      }
+      s << ']';
+    }
+  }
+  return s.str();
+}
+
+}  // namespace tarn_sim

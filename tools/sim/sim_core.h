@@ -1,0 +1,134 @@
+#pragma once
+
+// The simulated robot and control server behind tarn-sim, as a pure state
+// machine: messages in, messages out, time advanced explicitly. No sockets, no
+// clock, no output, so that every behaviour can be replayed deterministically.
+//
+// Units on the wire, chosen to match what the client sends:
+//   - positions in metres (the client divides its millimetres by 1000 before
+//     sending INIT texts and way-points), so the x and y of a status report
+//     are metres as well and read back as the same numbers the client sent;
+//   - headings in radians, counter-clockwise from the x axis, in (-pi, pi];
+//   - velocity in mm/s and acceleration in mm/s^2 (the client prints those
+//     units), voltage in volts.
+
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "msg/msg.h"
+
+namespace tarn_sim {
+
+// Task state reported in the fourth number of a status report. -1 and 0 are
+// the client's own meanings; the error codes are this simulator's.
+enum TaskState : int {
+  kFree = -1,
+  kWorking = 0,
+  kNotOnline = 2,    // motion command while the robot is offline
+  kBusy = 3,         // motion command while an action or a turn is under way
+  kUnsupported = 4,  // action type other than 1 (travel along a path)
+  kBadParameter = 5  // unparsable or non-finite value, unknown parameter name
+};
+
+struct SimConfig {
+  double report_rate_hz = 10;   // periodic status reports; 0 disables them
+  double speed_limit = 500;     // mm/s until the client sets "Speed"
+  double accel_limit = 300;     // mm/s^2 until the client sets "Acceleration"
+  double turn_rate = 3.0;       // rad/s when turning in place
+  double voltage_full = 26.4;   // V at start
+  double voltage_empty = 22.0;  // V floor: the battery never drains below it
+  double drain_idle = 0.002;    // V/s whatever the robot does
+  double drain_per_mps = 0.01;  // extra V/s per m/s of travel speed
+  double step = 0.005;          // s, integration step of advance()
+};
+
+// Node ids the simulator speaks for, and the client it expects by default.
+extern const char* const kServerId;  // "SV-0": acknowledgements
+extern const char* const kRobotId;   // "R-0": status and progress reports
+extern const char* const kClientId;  // "T-0"
+
+class RobotSim {
+ public:
+  explicit RobotSim(SimConfig config = SimConfig());
+
+  // Applies one message from the client; returns the replies in send order.
+  std::vector<Message_RTS> Receive(const Message_RTS& in);
+
+  // Advances simulated time by `seconds`; returns the reports produced on
+  // the way (way-point progress, finished actions, periodic status), in order.
+  std::vector<Message_RTS> Advance(double seconds);
+
+  // The status report as it would be sent now.
+  Message_RTS StatusReport() const;
+
+  // The controlling client went away: the robot stops where it is and goes
+  // offline, since nobody is left to receive its reports. Pose, limits and
+  // battery are kept for the next client.
+  void ClientLeft();
+
+  bool registered() const { return registered_; }
+  bool online() const { return online_; }
+  int task_state() const;
+  double x() const { return x_mm_ / 1000.0; }  // metres
+  double y() const { return y_mm_ / 1000.0; }  // metres
+  double heading() const { return heading_; }
+  double velocity() const { return velocity_; }
+  double acceleration() const { return accel_; }
+  double speed_limit() const { return speed_limit_; }
+  double accel_limit() const { return accel_limit_; }
+  double voltage() const { return voltage_; }
+  double time() const { return time_; }
+
+ private:
+  struct Point {
+    std::string code;
+    double x_mm;
+    double y_mm;
+  };
+  struct Run {
+    std::deque<Point> path;
+  };
+
+  bool busy() const { return !runs_.empty() || turning_; }
+  void Step(double h, std::vector<Message_RTS>& out);
+  void DriveStep(double h, std::vector<Message_RTS>& out);
+  void Arrive(std::vector<Message_RTS>& out);
+  void Refuse(int code, std::size_t actions, std::vector<Message_RTS>& out);
+  void StopAll(std::vector<Message_RTS>& out);
+  void FlushClosures(std::vector<Message_RTS>& out);
+  Message_RTS FromServer(RTS_key key) const;
+  Message_RTS Progress(const std::string& what, int count, const std::string& code) const;
+
+  SimConfig cfg_;
+  std::string client_ = kClientId;
+  bool registered_ = false;
+  bool online_ = false;
+  int error_ = 0;  // latched error code, 0 when none
+  double x_mm_ = 0;
+  double y_mm_ = 0;
+  double heading_ = 0;
+  double velocity_ = 0;  // mm/s, along the path
+  double accel_ = 0;     // mm/s^2, signed: negative while braking
+  double speed_limit_;
+  double accel_limit_;
+  double voltage_;
+  double time_ = 0;
+  double next_report_ = 0;
+  std::deque<Run> runs_;
+  // Refused actions still in the client's list of running actions: each one
+  // is closed with an "action" report once the actions ahead of it are done,
+  // so that the client's list stays in step with the robot's.
+  int pending_closures_ = 0;
+  bool turning_ = false;  // a commanded turn in place
+  double turn_target_ = 0;
+};
+
+// One readable line describing a message, for the simulator's log:
+// sender, receiver, key name, integer, the three texts and the actions.
+std::string Describe(const Message_RTS& m);
+
+// The key's name ("KEY_DETAIL"), or "KEY_<number>" outside the table.
+std::string KeyName(RTS_key key);
+
+}  // namespace tarn_sim
