@@ -15,7 +15,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstring>
 #include <string>
 
 #include "robot/robot.h"
@@ -23,23 +22,15 @@
 // Little-endian wire writer (raw host-order bytes on the supported targets).
 struct Bytes {
   std::string s;
-  Bytes& i32(std::int32_t v) {
-    char b[4];
-    std::memcpy(b, &v, 4);
-    s.append(b, 4);
+  template <typename T>
+  Bytes& put(T v) {
+    static_assert(sizeof(T) == 4, "wire words are 4 bytes");
+    s.append(reinterpret_cast<const char*>(&v), 4);
     return *this;
   }
-  Bytes& f32(float v) {
-    char b[4];
-    std::memcpy(b, &v, 4);
-    s.append(b, 4);
-    return *this;
-  }
-  Bytes& text(const std::string& t) {
-    i32(static_cast<std::int32_t>(t.size()));
-    s += t;
-    return *this;
-  }
+  Bytes& i32(std::int32_t v) { return put(v); }
+  Bytes& f32(float v) { return put(v); }
+  Bytes& text(const std::string& t) { return i32(static_cast<std::int32_t>(t.size())).raw(t); }
   Bytes& raw(const std::string& t) {
     s += t;
     return *this;

@@ -132,23 +132,6 @@ TEST(RobotConnect, UnreachableServerRefusesCommandsAndKeepsQueueing) {
   EXPECT_EQ(queue[1].text_param2, "-2.500000");
   EXPECT_EQ(queue[1].text_param3, "0.500000");
   EXPECT_FALSE(robot.online);
-
-  // Received messages are applied without a connection, and the removal pass
-  // leaves the message that became first after an erasure for the next pass.
-  auto& inbox = m_msg.inbox["R-0"];
-  for (int i = 0; i < 3; ++i) {
-    Message_RTS m;
-    m.key = KEY_INIT;
-    m.int_param = i;
-    inbox.push_back(m);
-  }
-  robot.Handle();
-  EXPECT_TRUE(robot.online);
-  ASSERT_EQ(inbox.size(), 1u);
-  EXPECT_EQ(inbox[0].key, KEY_NONE);
-  EXPECT_EQ(inbox[0].int_param, 1);
-  robot.Handle();
-  EXPECT_TRUE(inbox.empty());
 }
 
 TEST_F(Connected, ParameterSettersCheckRangesAndNeedOnlyTheConnection) {
