@@ -1,0 +1,246 @@
+// Python bindings of TarnSDK: the Robot client, the message records, their
+// codec and a frame builder for scripting peers.
+//
+// Texts on the wire are raw bytes with no encoding of their own. They surface
+// in Python as str decoded as UTF-8 with "surrogateescape", so that any byte
+// sequence (NUL, invalid UTF-8) survives a read-modify-write unchanged; a text
+// field also accepts bytes on assignment.
+
+#include <pybind11/operators.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "msg/msg.h"
+#include "robot/robot.h"
+
+namespace py = pybind11;
+
+namespace {
+
+py::str to_py_text(const std::string& s) {
+  PyObject* o =
+      PyUnicode_DecodeUTF8(s.data(), static_cast<Py_ssize_t>(s.size()), "surrogateescape");
+  if (o == nullptr) throw py::error_already_set();
+  return py::reinterpret_steal<py::str>(o);
+}
+
+std::string from_py_text(const py::object& value) {
+  if (py::isinstance<py::bytes>(value)) return value.cast<std::string>();
+  if (!py::isinstance<py::str>(value)) throw py::type_error("expected str or bytes");
+  PyObject* b = PyUnicode_AsEncodedString(value.ptr(), "utf-8", "surrogateescape");
+  if (b == nullptr) throw py::error_already_set();
+  return py::reinterpret_steal<py::bytes>(b).cast<std::string>();
+}
+
+template <typename Class, typename Record>
+void text_field(Class& cls, const char* name, std::string Record::*member, const char* doc) {
+  cls.def_property(
+      name, [member](const Record& r) { return to_py_text(r.*member); },
+      [member](Record& r, const py::object& v) { r.*member = from_py_text(v); }, doc);
+}
+
+void put_le32(std::string& out, std::uint32_t v) {
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xFFu));
+}
+
+// '#', the type word 11, the body length, the body, ';' with little-endian
+// integers whatever the host, so that scripts build the same bytes anywhere.
+py::bytes frame_body(const std::string& body) {
+  std::string out;
+  out.reserve(body.size() + 10);
+  out.push_back(header);
+  put_le32(out, static_cast<std::uint32_t>(frame_type));
+  put_le32(out, static_cast<std::uint32_t>(body.size()));
+  out += body;
+  out.push_back(ender);
+  return py::bytes(out);
+}
+
+std::string repr_waypoint(const QrInfo_RTS& p) {
+  std::ostringstream s;
+  s << "QrInfo_RTS(" << py::repr(to_py_text(p.qr_code)).cast<std::string>() << ", x=" << p.x
+    << ", y=" << p.y << ", z=" << p.z << ", space_type=" << static_cast<std::int32_t>(p.space_type)
+    << ", flag=" << p.flag << ")";
+  return s.str();
+}
+
+}  // namespace
+
+PYBIND11_MODULE(tarnsdk, m) {
+  m.doc() =
+      "Client library for commanding a mobile robot through its control server (TCP port 6868).\n\n"
+      "Create one Robot, then call Robot.Handle() from your own loop; commands only queue\n"
+      "messages, Handle() moves the bytes. Every Robot of a process shares one connection,\n"
+      "one mailbox and one list of running actions, and destroying any Robot tears them\n"
+      "down: keep exactly one Robot alive at a time.";
+
+  py::enum_<RTS_key>(m, "RTS_key", py::arithmetic(), "What a message asks or reports.")
+      .value("KEY_NONE", KEY_NONE)
+      .value("KEY_CONNECT", KEY_CONNECT)
+      .value("KEY_INIT", KEY_INIT)
+      .value("KEY_KILL", KEY_KILL)
+      .value("KEY_ORIENTATION", KEY_ORIENTATION)
+      .value("KEY_ACTION", KEY_ACTION)
+      .value("KEY_GET_DETAIL", KEY_GET_DETAIL)
+      .value("KEY_DETAIL", KEY_DETAIL)
+      .value("KEY_SET_PARAM", KEY_SET_PARAM)
+      .export_values();
+  // Keys that arrive outside the table are kept as they are, so plain ints
+  // must be assignable too.
+  py::implicitly_convertible<py::int_, RTS_key>();
+
+  py::enum_<Space_type>(m, "Space_type", py::arithmetic(),
+                        "Kind of space at a way-point; any 32-bit value is carried unchanged.")
+      .value("SPACE_DEFAULT", SPACE_DEFAULT)
+      .export_values();
+  py::implicitly_convertible<py::int_, Space_type>();
+
+  py::class_<QrInfo_RTS> wp(m, "QrInfo_RTS", "One way-point, named by the label of its QR code.");
+  wp.def(py::init<>(), "(\"N\", 0, 0, 0, SPACE_DEFAULT, -1)")
+      .def(py::init<const std::string&, float, float, Space_type, int>(), py::arg("code"),
+           py::arg("x"), py::arg("y"), py::arg("space_type") = SPACE_DEFAULT, py::arg("flag") = -1,
+           "z is always 0: there is no argument for it.")
+      .def_readwrite("x", &QrInfo_RTS::x)
+      .def_readwrite("y", &QrInfo_RTS::y)
+      .def_readwrite("z", &QrInfo_RTS::z)
+      .def_readwrite("space_type", &QrInfo_RTS::space_type)
+      .def_readwrite("flag", &QrInfo_RTS::flag)
+      // Way-points compare by label alone; they are mutable, so not hashable.
+      .def(py::self == py::self)
+      .def(py::self != py::self)
+      .def("__repr__", &repr_waypoint);
+  text_field(
+      wp, "qr_code", &QrInfo_RTS::qr_code,
+      "Label; inside a path it travels as a 32-bit integer, so it should be a decimal number.");
+
+  py::class_<QrInfo_ARC, QrInfo_RTS>(m, "QrInfo_ARC", "A way-point of an arc path.")
+      .def(py::init<>())
+      .def_readwrite("arc_param1", &QrInfo_ARC::arc_param1)
+      .def_readwrite("arc_param2", &QrInfo_ARC::arc_param2)
+      .def_readwrite("arc_param3", &QrInfo_ARC::arc_param3)
+      .def_readwrite("arc_param4", &QrInfo_ARC::arc_param4);
+
+  py::class_<Action_RTS> act(
+      m, "Action_RTS",
+      "One action: a type, a path, an arc path, a target and a text parameter.\n"
+      "path and arc_path read as new lists: assign a whole list to change them.");
+  act.def(py::init<int, const QrInfo_RTS&, std::string>(), py::arg("type"), py::arg("target"),
+          py::arg("param"))
+      .def(py::init<int, const QrInfo_RTS&, const std::deque<QrInfo_RTS>&>(), py::arg("type"),
+           py::arg("target"), py::arg("path"))
+      .def(py::init<int, const std::deque<QrInfo_RTS>&>(), py::arg("type"), py::arg("path"),
+           "target is a copy of the path's last way-point (a default one for an empty path).")
+      .def_readwrite("type", &Action_RTS::type)
+      .def_readwrite("path", &Action_RTS::path)
+      .def_readwrite("arc_path", &Action_RTS::arc_path)
+      .def_readwrite("target", &Action_RTS::target)
+      .def(
+          "encode", [](const Action_RTS& a) { return py::bytes(a.str()); },
+          "The action's binary body.")
+      .def(
+          "decode",
+          [](Action_RTS& a, const py::bytes& data) {
+            std::stringstream in(std::string(data),
+                                 std::ios::in | std::ios::out | std::ios::binary);
+            return a.decode(in);
+          },
+          py::arg("data"),
+          "Reads one body into this action, appending to its paths. Lenient: always True; a\n"
+          "negative text length raises ValueError.");
+  text_field(act, "param", &Action_RTS::param, "Text parameter.");
+
+  py::class_<Message_RTS> msg(m, "Message_RTS", "The envelope of every exchange.");
+  msg.def(py::init<>(), "head_word 0, every text \"N\", key KEY_NONE, int_param 0, no actions.")
+      .def_readwrite("head_word", &Message_RTS::head_word)
+      .def_readwrite("key", &Message_RTS::key)
+      .def_readwrite("int_param", &Message_RTS::int_param)
+      .def_readwrite("actions", &Message_RTS::actions,
+                     "Reads as a new list: assign a whole list to change it.")
+      .def_readwrite("local_flag", &Message_RTS::local_flag)
+      .def(
+          "encode", [](Message_RTS& r) { return py::bytes(r.str()); },
+          "The message body as it travels inside a frame.")
+      .def(
+          "decode",
+          [](Message_RTS& r, const py::bytes& data) { return r.decode(std::string(data)); },
+          py::arg("data"),
+          "Decodes one body into this message (meant to be a fresh one; actions are appended).\n"
+          "Only the two '%' markers are checked; bytes after the closing one are ignored.\n"
+          "A negative text length raises ValueError.")
+      .def("__repr__", [](const Message_RTS& r) {
+        std::ostringstream s;
+        s << "Message_RTS(" << py::repr(to_py_text(r.sender_id)).cast<std::string>() << " -> "
+          << py::repr(to_py_text(r.receiver_id)).cast<std::string>()
+          << ", key=" << static_cast<std::int32_t>(r.key) << ", int_param=" << r.int_param
+          << ", actions=" << r.actions.size() << ")";
+        return s.str();
+      });
+  text_field(msg, "sender_id", &Message_RTS::sender_id, "Node id of the sender.");
+  text_field(msg, "receiver_id", &Message_RTS::receiver_id, "Node id of the addressee.");
+  text_field(msg, "text_param1", &Message_RTS::text_param1, "First text parameter.");
+  text_field(msg, "text_param2", &Message_RTS::text_param2, "Second text parameter.");
+  text_field(msg, "text_param3", &Message_RTS::text_param3, "Third text parameter.");
+
+  m.def(
+      "frame", [](Message_RTS& r) { return frame_body(r.str()); }, py::arg("message"),
+      "The message as it goes on the wire: '#', int32 11, int32 length, body, ';' "
+      "(little-endian).");
+  m.def(
+      "frame", [](const py::bytes& body) { return frame_body(std::string(body)); }, py::arg("body"),
+      "Frames an already encoded (or deliberately broken) body.");
+
+  py::class_<Robot>(
+      m, "Robot",
+      "The handle on the robot. Connects to the control server on creation; keep exactly\n"
+      "one alive per process (all share, and any one's destruction tears down, the\n"
+      "connection).")
+      // Connecting may wait on the network; it touches no Python object.
+      .def(py::init<>(), py::call_guard<py::gil_scoped_release>())
+      .def("Init", &Robot::Init, py::arg("x"), py::arg("y"), py::arg("z"),
+           "Queues KEY_KILL then KEY_INIT with the pose (x and y in millimetres).")
+      .def("Kill", &Robot::Kill, "Queues KEY_KILL and clears online.")
+      .def("Handle", &Robot::Handle, "One service step: receive, apply, send. Never waits.")
+      .def("SetPosition", py::overload_cast<float, float, float>(&Robot::SetPosition), py::arg("x"),
+           py::arg("y"), py::arg("z"), "Go to one position (x, y in millimetres).")
+      .def(
+          "SetPosition",
+          [](Robot& r, const std::vector<std::array<float, 3>>& points) {
+            // The library reads three floats behind each pointer during the
+            // call and keeps none of them.
+            std::vector<std::array<float, 3>> storage(points);
+            std::deque<float*> ptrs;
+            for (auto& p : storage) ptrs.push_back(p.data());
+            return r.SetPosition(ptrs);
+          },
+          py::arg("points"),
+          "Go along way-points given as (x, y, z) tuples, x and y in millimetres.")
+      .def("SetVelocity", &Robot::SetVelocity, py::arg("v"), "300 to 1300 mm/s.")
+      .def("SetAcceleration", &Robot::SetAcceleration, py::arg("a"), "100 to 1000 mm/s^2.")
+      .def("SetOrientation", &Robot::SetOrientation, py::arg("r"), "-pi to pi radians.")
+      .def("GetDetial", &Robot::GetDetial, "Asks the robot for a status report.")
+      .def(
+          "DebugString", [](Robot& r) { return to_py_text(r.DebugString()); },
+          "The three-line status text.")
+      .def("__str__", [](Robot& r) { return to_py_text(r.DebugString()); })
+      .def_property_readonly(
+          "name", [](const Robot& r) { return to_py_text(r.name); },
+          "Node id from the last status report.")
+      .def_readonly("x", &Robot::x)
+      .def_readonly("y", &Robot::y)
+      .def_readonly("z", &Robot::z)
+      .def_readonly("orientation", &Robot::orientation)
+      .def_readonly("acceleration", &Robot::acceleration)
+      .def_readonly("velocity", &Robot::velocity)
+      .def_readonly("voltage", &Robot::voltage)
+      .def_readonly("connected", &Robot::connected)
+      .def_readonly("online", &Robot::online)
+      .def_readonly("state", &Robot::state);
+}
