@@ -10,10 +10,9 @@
 // semantics; SpanSource reads a byte range (the string overload and the
 // receive path) and reproduces those semantics exactly:
 //   - a read that gets only k of its n bytes replaces only those k bytes of
-//     the destination, and fails the source;
-//   - once failed, every later read (of any size, 0 included) gets nothing and
-//     the source stays failed;
-//   - a read of 0 bytes from a source that has not failed changes nothing.
+//     the destination, and fails the stream;
+//   - once failed, every later read (of any size, 0 included) gets nothing;
+//   - a read of 0 bytes changes nothing.
 //
 // Encoding computes the exact size first and writes raw bytes into one
 // buffer; no stream is involved on either side.
@@ -140,19 +139,18 @@ class StreamSource {
   std::istream& in_;
 };
 
+// A short read happens only when the range runs out, so the failed state of
+// a stream needs no flag here: every later read finds nothing left.
 class SpanSource {
  public:
   SpanSource(const char* data, std::size_t size) : begin_(data), cur_(data), left_(size) {}
 
   void read(char* dst, std::size_t n) {
-    if (failed_) return;
     const std::size_t k = n < left_ ? n : left_;
-    if (k != 0) {
-      std::memcpy(dst, cur_, k);
-      cur_ += k;
-      left_ -= k;
-    }
-    if (k < n) failed_ = true;
+    if (k == 0) return;
+    std::memcpy(dst, cur_, k);
+    cur_ += k;
+    left_ -= k;
   }
 
   std::size_t consumed() const { return static_cast<std::size_t>(cur_ - begin_); }
@@ -161,7 +159,6 @@ class SpanSource {
   const char* begin_;
   const char* cur_;
   std::size_t left_;
-  bool failed_ = false;
 };
 
 // Reads straight into the object's bytes: on short input the bytes not
