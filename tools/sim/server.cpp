@@ -1,8 +1,10 @@
 #include "server.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -32,6 +34,8 @@ constexpr int kMaxBlockedSends = 50;
 // Upper bound of receive calls per wake-up, so one chatty client cannot
 // starve the simulation.
 constexpr int kMaxReceivesPerWake = 1000;
+// Most bytes one receive of the socket layer takes in.
+constexpr std::size_t kMaxReceiveBytes = 102400;
 
 class Server {
  public:
@@ -95,8 +99,10 @@ int Server::Run() {
     }
     if (stop_) break;
     if (ready > 0) {
-      if (fds[0].revents & POLLIN) Accept();
+      // The current client first: if it has just hung up, a client waiting
+      // to be accepted in the same wake-up is then served instead of refused.
       if (client_ && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) ReceiveFromClient();
+      if (fds[0].revents & POLLIN) Accept();
     }
     if (client_) CheckStuck();
 
@@ -131,7 +137,13 @@ void Server::Accept() {
 
 void Server::ReceiveFromClient() {
   for (int i = 0; i < kMaxReceivesPerWake && client_; ++i) {
-    const std::size_t before = client_->m_buffer.size();
+    // What the call's single receive will add to the buffer, so that bytes
+    // the receive path throws away can be told from bytes still waiting.
+    int pending = 0;
+    if (::ioctl(client_->m_sock, FIONREAD, &pending) != 0 || pending < 0) pending = 0;
+    const std::size_t before =
+        client_->m_buffer.size() + std::min<std::size_t>(pending, kMaxReceiveBytes);
+    const std::size_t unchanged = client_->m_buffer.size();
     int result = 0;
     try {
       result = recv_msg(*client_, box_);
@@ -164,12 +176,12 @@ void Server::ReceiveFromClient() {
     if (filed || after == 0) last_progress_ = Clock::now();
     if (filed) continue;
     if (after < before) {
-      Log("malformed input: discarded " + std::to_string(before - after) + " buffered bytes");
+      Log("malformed input: discarded " + std::to_string(before - after) + " bytes");
       continue;
     }
     // Nothing filed and nothing cut: either a frame still arriving or one the
     // receive path will not get past; CheckStuck tells them apart by time.
-    if (after == before) break;
+    if (after == unchanged) break;
   }
 }
 
