@@ -97,19 +97,25 @@ class Session {
     return arrived;
   }
 
-  // Steps until `judge` says done. Every sign of progress restarts the
-  // timeout, so a long drive is not cut short while the robot moves.
+  // Judges arrived messages in order until `judge` says done, stepping when
+  // it has seen them all. Messages behind the one that ended a wait are kept
+  // for the next wait, so a chained command sees everything in order. Every
+  // sign of progress restarts the timeout, so a long drive is not cut short
+  // while the robot moves.
   void Await(const std::string& what, const std::function<Seen(const Message_RTS&)>& judge) {
     Clock::time_point deadline = Deadline();
     for (;;) {
-      std::vector<Message_RTS> arrived = Step();
-      for (const Message_RTS& m : arrived) {
+      while (!unjudged_.empty()) {
+        const Message_RTS m = unjudged_.front();
+        unjudged_.pop_front();
         if (m.key == KEY_DETAIL) tarn_cli::ReadReport(m.text_param1, m.text_param2, current_);
         const Seen seen = judge(m);
         if (seen == Seen::kDone) return;
         if (seen == Seen::kProgress) deadline = Deadline();
       }
       Pause(deadline, what);
+      std::vector<Message_RTS> arrived = Step();
+      unjudged_.insert(unjudged_.end(), arrived.begin(), arrived.end());
     }
   }
 
@@ -117,17 +123,22 @@ class Session {
   void Flush() {
     const Clock::time_point deadline = Deadline();
     for (;;) {
-      Step();
+      std::vector<Message_RTS> arrived = Step();
+      unjudged_.insert(unjudged_.end(), arrived.begin(), arrived.end());
       if (Flushed()) return;
       Pause(deadline, "chance to send the command");
     }
   }
 
-  // The report being judged by Await (each report in turn), and the latest.
+  // Drops what arrived before a new command was queued: none of it can
+  // answer that command.
+  void Forget() { unjudged_.clear(); }
+
+  // The report being judged by Await (each report in turn), and the latest
+  // to arrive.
   const tarn_cli::Report& current() const { return current_; }
   const tarn_cli::Report& latest() const { return report_; }
   bool have_report() const { return have_report_; }
-  double timeout_s() const { return timeout_s_; }
 
   // Ends the connection so that the last commands are not lost: closing a
   // socket that still holds unread data makes the kernel reset the
@@ -178,6 +189,7 @@ class Session {
   tarn_cli::Report report_;
   tarn_cli::Report current_;
   bool have_report_ = false;
+  std::deque<Message_RTS> unjudged_;
 };
 
 void WaitForReport(Session& s) {
@@ -200,6 +212,7 @@ void RequireFree(Session& s, Robot& robot) {
                                        "; 'tarn init X Y Z' clears it"};
   }
   robot.online = true;
+  s.Forget();
 }
 
 Stop Refusal(int state) {
