@@ -1,12 +1,11 @@
-// The shared object exports the records and their codec and nothing of the
-// internals: no node identifier, no codec helper.
+// The shared object exports the records and their codec, and no internals:
+// no node identifier, no codec helper.
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <sstream>
 #include <string>
-#include <vector>
 
 TEST(Exports, RecordsAndCodecExportedInternalsHidden) {
   FILE* nm = popen("nm -DC --defined-only '" TARN_LIBRARY_PATH "'", "r");
@@ -27,17 +26,15 @@ TEST(Exports, RecordsAndCodecExportedInternalsHidden) {
         "Action_RTS::decode(std::basic_ifstream", "Message_RTS::Message_RTS()",
         "Message_RTS::str[abi:cxx11]()", "Message_RTS::decode(std::__cxx11::basic_stringstream",
         "Message_RTS::decode(std::basic_ifstream",
-        "Message_RTS::decode(std::__cxx11::basic_string"})
+        "Message_RTS::decode(std::__cxx11::basic_string<char"})
     EXPECT_NE(listing.find(symbol), std::string::npos) << symbol;
 
   std::istringstream lines(listing);
   for (std::string line; std::getline(lines, line);) {
     const std::string name = line.substr(line.find(' ', line.find(' ') + 1) + 1);
-    for (const char* hidden :
+    for (const std::string hidden :
          {"rts_id", "server_id", "robot_id", "rms_id", "arm_id", "undef", "decode_message",
-          "decode_action", "extract_code", "append_message", "encoded_size"}) {
-      const std::string h = hidden;
-      EXPECT_FALSE(name == h || name.rfind(h + "(", 0) == 0) << line;
-    }
+          "decode_action", "extract_code", "append_message", "encoded_size"})
+      EXPECT_FALSE(name == hidden || name.rfind(hidden + "(", 0) == 0) << line;
   }
 }

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <tuple>
+
+#include "msg/msg.h"
+
+// "01000000 4e" -> the bytes 01 00 00 00 4e; blanks only separate.
+inline std::string hex(const char* text) {
+  std::string out;
+  for (const char* p = text; *p != '\0'; p += *p == ' ' ? 1 : 2)
+    if (*p != ' ') out += static_cast<char>(std::stoi(std::string(p, 2), nullptr, 16));
+  return out;
+}
+
+inline std::int32_t i32_at(const std::string& s, std::size_t at) {
+  std::int32_t v;
+  std::memcpy(&v, s.data() + at, 4);
+  return v;
+}
+
+inline std::string with_i32(std::string s, std::size_t at, std::int32_t v) {
+  std::memcpy(&s[at], &v, 4);
+  return s;
+}
+
+inline auto fields(const QrInfo_RTS& w) {
+  return std::make_tuple(w.qr_code, w.x, w.y, w.z, static_cast<int>(w.space_type), w.flag);
+}
+
+// Everything a decode can leave in an action or a message, including what
+// the encoding does not show (label texts, target z and flag, local_flag).
+inline std::string describe(const Action_RTS& a) {
+  std::string out =
+      a.str() + '|' + std::to_string(a.target.z) + ',' + std::to_string(a.target.flag);
+  for (const QrInfo_RTS& w : a.path) out += ',' + w.qr_code;
+  for (const QrInfo_ARC& w : a.arc_path) out += ',' + w.qr_code;
+  return out;
+}
+
+inline std::string describe(const Message_RTS& m) {
+  std::string out = Message_RTS(m).str() + '|' + std::to_string(m.local_flag);
+  for (const Action_RTS& a : m.actions) out += '|' + describe(a);
+  return out;
+}
+
+// The velocity request: 52 bytes, opening '%' at 46, count at 47, closing '%'
+// at 51; an action body added to it starts at 51.
+inline Message_RTS set_speed() {
+  Message_RTS m;
+  m.sender_id = "T-0";
+  m.receiver_id = "SV-0";
+  m.key = KEY_SET_PARAM;
+  m.int_param = 800;
+  m.text_param1 = "Speed";
+  return m;
+}
+
+inline QrInfo_RTS waypoint(const std::string& code, float z = 0, int flag = 1) {
+  QrInfo_RTS w(code, 1.0f, 2.0f, SPACE_DEFAULT, flag);
+  w.z = z;
+  return w;
+}
+
+inline Action_RTS blank() {
+  return Action_RTS(0, QrInfo_RTS(), "f");
+}
+
+// Two actions, one with a path and an arc path, one with a NUL in its param.
+inline Message_RTS with_two_actions() {
+  Message_RTS m = set_speed();
+  Action_RTS a(1, std::deque<QrInfo_RTS>{waypoint("3", 5), waypoint("-4")});
+  QrInfo_ARC arc;
+  arc.qr_code = "8";
+  arc.arc_param2 = 0.5f;
+  a.arc_path.push_back(arc);
+  m.actions = {a, Action_RTS(2, waypoint("x"), std::string("p\0q", 3))};
+  return m;
+}
