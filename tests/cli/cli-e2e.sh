@@ -82,6 +82,11 @@ for line in "robot online at 1000 500 mm, z 0" "velocity limit 1000 mm/s sent" \
 done
 [[ ! -s $work/err ]] || fail "unexpected errors"
 
+# The robot stays online between connections, so separate invocations work.
+run 0 init 0 0 0
+run 0 goto 500 0
+has_line out "goal 500 0 mm reached"
+
 # --no-wait returns while the robot drives off; the reports that follow show
 # it working, and a further goal is refused before anything is sent.
 run 5 init 0 0 0 then goto 3000 0 --no-wait then watch --count 2 then goto 0 0

@@ -144,7 +144,6 @@ void RobotSim::ClientLeft() {
   StopAll(discarded);
   pending_closures_ = 0;
   registered_ = false;
-  online_ = false;
   error_ = 0;
   client_ = kClientId;
 }

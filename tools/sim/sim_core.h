@@ -62,9 +62,11 @@ class RobotSim {
   // The status report as it would be sent now.
   Message_RTS StatusReport() const;
 
-  // The controlling client went away: the robot stops where it is and goes
-  // offline, since nobody is left to receive its reports. Pose, limits and
-  // battery are kept for the next client.
+  // The controlling client went away: the robot stops where it is (its running
+  // actions are dropped, since nobody is left to receive their progress) but
+  // stays online, as a real robot does when an operator's session ends, so
+  // that the next client can command it without initialising it again. Pose,
+  // limits and battery are kept too.
   void ClientLeft();
 
   bool registered() const { return registered_; }
