@@ -70,8 +70,13 @@ class Peer {
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<std::uint16_t>(port));
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    listening_ = bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-                 listen(listen_fd_, 4) == 0;
+    // A fixed port may still be held by a process outside this test run for
+    // a moment; wait for it, boundedly, rather than fail at once.
+    for (int attempt = 0; attempt < 200 && !listening_; ++attempt) {
+      listening_ = bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+                   listen(listen_fd_, 4) == 0;
+      if (!listening_ && port != 0) usleep(50000);
+    }
     socklen_t len = sizeof addr;
     getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len);
     port_ = ntohs(addr.sin_port);
