@@ -47,9 +47,9 @@ Socket::Socket(std::string address, int port) : m_sock(-1) {
   throw SocketException("Could not bind to port.");
 }
 
-// m_sock keeps the closed number on purpose: the service loop destroys the
-// global socket explicitly on disconnection and the destructor runs again at
-// exit, and both runs must see the same descriptor.
+// m_sock keeps the closed number on purpose: the service loop tears the
+// global socket down the same way on disconnection, and this destructor runs
+// again at exit on the very same number.
 Socket::~Socket() {
   if (m_sock != -1) close(m_sock);
 }
