@@ -27,7 +27,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
       if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      Figure& f = figures_[run.benchmark_name()];
+      // Keyed by the registered name, without suffixes such as min_time.
+      Figure& f = figures_[run.run_name.function_name];
       f.ns = run.GetAdjustedRealTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
       for (const auto& c : run.counters) f.counters[c.first] = c.second.value;
     }

@@ -10,6 +10,7 @@
 
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -197,6 +198,9 @@ class Server {
 #ifdef TARN_SIM_PATH
     pid_ = fork();
     if (pid_ == 0) {
+      // Its announcement lines would interleave with the benchmark table.
+      const int null = open("/dev/null", O_WRONLY);
+      dup2(null, STDOUT_FILENO);
       execl(TARN_SIM_PATH, "tarn-sim", "--quiet", "--rate", "0", static_cast<char*>(nullptr));
       _exit(127);
     }
