@@ -1,13 +1,15 @@
 #!/bin/bash
 # Runs the simulator and the demo application together:
-#   run-demo.sh <tarn-sim> <tarn-demo> [<simulator log file>]
+#   run-demo.sh <tarn-sim> <tarn-demo> [<simulator log file> [<wrapper command...>]]
 # Starts tarn-sim on 127.0.0.1:6868 in the background, waits until it listens,
-# runs tarn-demo, stops the simulator and exits with the demo's status.
+# runs tarn-demo (behind the wrapper command, if one is given, e.g. valgrind),
+# stops the simulator and exits with the demo's status.
 set -u
 
 SIM=$1
 DEMO=$2
 LOG=${3:-tarn-sim.log}
+shift $(($# < 3 ? $# : 3))
 
 "$SIM" --address 127.0.0.1 --port 6868 >"$LOG" 2>&1 &
 SIM_PID=$!
@@ -28,7 +30,7 @@ if ! grep -q "listen at" "$LOG"; then
   exit 1
 fi
 
-timeout 60 "$DEMO"
+timeout 300 "$@" "$DEMO"
 STATUS=$?
 
 kill -TERM "$SIM_PID" 2>/dev/null
