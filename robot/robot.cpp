@@ -50,12 +50,16 @@ void remove_done(std::vector<Message_RTS>& queue) {
 // ---------------------------------------------------------------------------
 // Module-private senders: they only queue; Robot::Handle writes.
 
-static void Send2server(RTS_key key, int value, const std::string& text1, const std::string& text2,
-                        const std::string& text3) {
+namespace {
+
+// The message every sender builds: from this client, to `receiver`, queued
+// under this client's node id in the outbox.
+void Queue(const std::string& receiver, RTS_key key, int value, const std::string& text1,
+           const std::string& text2, const std::string& text3) {
   Message_RTS message;
   message.key = key;
   message.sender_id = rts_id;
-  message.receiver_id = server_id;
+  message.receiver_id = receiver;
   message.int_param = value;
   message.text_param1 = text1;
   message.text_param2 = text2;
@@ -63,17 +67,16 @@ static void Send2server(RTS_key key, int value, const std::string& text1, const 
   m_msg.outbox[rts_id].push_back(message);
 }
 
+}  // namespace
+
+static void Send2server(RTS_key key, int value, const std::string& text1, const std::string& text2,
+                        const std::string& text3) {
+  Queue(server_id, key, value, text1, text2, text3);
+}
+
 static void Send2robot(RTS_key key, int value, const std::string& text1, const std::string& text2,
                        const std::string& text3) {
-  Message_RTS message;
-  message.key = key;
-  message.sender_id = rts_id;
-  message.receiver_id = robot_id;
-  message.int_param = value;
-  message.text_param1 = text1;
-  message.text_param2 = text2;
-  message.text_param3 = text3;
-  m_msg.outbox[rts_id].push_back(message);
+  Queue(robot_id, key, value, text1, text2, text3);
 }
 
 // `actions` must not be empty: int_param announces the way-point count of the
@@ -284,24 +287,28 @@ bool Robot::SetPosition(std::deque<float*> points) {
   return true;
 }
 
-bool Robot::SetVelocity(int v) {
+namespace {
+
+// The parameter setters share one shape: the connection guard, an inclusive
+// integer range, then one KEY_SET_PARAM naming the parameter.
+bool QueueParameter(bool connected, const char* parameter, int value, int low, int high) {
   if (!connected) return false;
-  if (v < 300 || v > 1300) {
+  if (value < low || value > high) {
     std::cout << "value illegality " << std::endl;
     return false;
   }
-  Send2server(KEY_SET_PARAM, v, "Speed", undef, undef);
+  Send2server(KEY_SET_PARAM, value, parameter, undef, undef);
   return true;
 }
 
+}  // namespace
+
+bool Robot::SetVelocity(int v) {
+  return QueueParameter(connected, "Speed", v, 300, 1300);
+}
+
 bool Robot::SetAcceleration(int a) {
-  if (!connected) return false;
-  if (a < 100 || a > 1000) {
-    std::cout << "value illegality " << std::endl;
-    return false;
-  }
-  Send2server(KEY_SET_PARAM, a, "Acceleration", undef, undef);
-  return true;
+  return QueueParameter(connected, "Acceleration", a, 100, 1000);
 }
 
 bool Robot::SetOrientation(float r) {
