@@ -156,38 +156,43 @@ function Reader:left()
   return self.limit - self.pos
 end
 
-function Reader:int32(tree, field)
-  if self:left() < 4 then
+-- The next n bytes as a range, or nil (with the reader marked short) when the
+-- body ends first.
+function Reader:take(n)
+  if self:left() < n then
     self.short = true
     return nil
   end
-  local r = self.tvb(self.pos, 4)
-  self.pos = self.pos + 4
-  local v = r:le_int()
+  local r = self.tvb(self.pos, n)
+  self.pos = self.pos + n
+  return r
+end
+
+function Reader:int32(tree, field)
+  local r = self:take(4)
+  if not r then
+    return nil
+  end
   if tree then
     tree:add_le(field, r)
   end
-  return v, r
+  return r:le_int(), r
 end
 
 function Reader:float(tree, field)
-  if self:left() < 4 then
-    self.short = true
+  local r = self:take(4)
+  if not r then
     return nil
   end
-  local r = self.tvb(self.pos, 4)
-  self.pos = self.pos + 4
   tree:add_le(field, r)
   return r:le_float()
 end
 
 function Reader:byte(tree, field)
-  if self:left() < 1 then
-    self.short = true
+  local r = self:take(1)
+  if not r then
     return nil
   end
-  local r = self.tvb(self.pos, 1)
-  self.pos = self.pos + 1
   tree:add(field, r)
   return r:uint()
 end
