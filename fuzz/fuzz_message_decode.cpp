@@ -9,7 +9,7 @@
 // - Encoding is a fixed point after one decode: str() of the decoded message
 //   decodes back, in full and successfully, to a message with the same
 //   fields, whose own str() is the same bytes.
-// - The only exceptions that leave the decoder are the designed ones: the
+// - The only exception that may leave the decoder is the contractual one: the
 //   length error of a negative text length (allocation failures cannot occur
 //   within the budget).
 

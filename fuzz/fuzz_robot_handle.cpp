@@ -8,7 +8,7 @@
 // command and whether the peer closes at the end.
 //
 // Checked after every Handle:
-// - only the designed exceptions leave it (std::out_of_range for a length word
+// - only the contractual exceptions leave it (std::out_of_range for a length word
 //   of -10, std::length_error for a negative text length);
 // - every inbox vector holds at most one message, already handled (the
 //   removal pass leaves at most one, and only at the front);
