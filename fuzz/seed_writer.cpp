@@ -2,8 +2,8 @@
 // suites (the 43-byte default message, the 52-byte parameter message, the
 // 58-byte action), server traffic a robot meets (acknowledgements, status
 // reports, progress reports) and the damaged frames the receiver must survive.
-// The bytes are built here by hand, not by the library's encoder, so that a
-// codec fault cannot shape its own seeds.
+// The bytes are built by hand (the tests' wire writer), not by the library's
+// encoder, so that a codec fault cannot shape its own seeds.
 //
 // Usage: tarn-fuzz-seeds <directory>; writes <directory>/{message,action,recv,robot}/.
 
@@ -11,52 +11,16 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
+#include "../tests/support/wire.h"
+
 namespace {
 
-struct Bytes {
-  std::string s;
-  Bytes& i32(std::int32_t v) {
-    char b[4];
-    std::memcpy(b, &v, 4);
-    s.append(b, 4);
-    return *this;
-  }
-  Bytes& f32(float v) {
-    char b[4];
-    std::memcpy(b, &v, 4);
-    s.append(b, 4);
-    return *this;
-  }
-  Bytes& text(const std::string& t) {
-    i32(static_cast<std::int32_t>(t.size()));
-    s += t;
-    return *this;
-  }
-  Bytes& raw(const std::string& t) {
-    s += t;
-    return *this;
-  }
-};
-
-std::string body(const std::string& sender, const std::string& receiver, std::int32_t key,
-                 const std::string& t1 = "N", const std::string& t2 = "N",
-                 const std::string& t3 = "N", std::int32_t int_param = 0, std::int32_t count = 0,
-                 const std::string& actions = "") {
-  Bytes b;
-  b.i32(0).text(sender).text(receiver).i32(key).text(t1).text(t2).text(t3).i32(int_param);
-  b.raw("%").i32(count).raw(actions).raw("%");
-  return b.s;
-}
-
-std::string frame(const std::string& payload, std::int32_t type = 11) {
-  Bytes b;
-  b.raw("#").i32(type).i32(static_cast<std::int32_t>(payload.size())).raw(payload).raw(";");
-  return b.s;
-}
+using wire::body;
+using wire::Bytes;
+using wire::frame;
 
 // Type 1, one way-point (code 3 at 1, 2, 5, flag 1), target the same, "f".
 std::string action58() {

@@ -1,10 +1,14 @@
+// The endpoint on loopback: what it prints, how it fails, and the descriptor
+// handling the receive path and the Robot rely on.
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <memory>
 
-#include "net/loopback.h"
+#include "net/Socket.h"
+#include "tests/support/peer.h"
 
 namespace {
 
@@ -14,17 +18,26 @@ bool non_blocking(int fd) {
 bool is_open(int fd) {
   return fcntl(fd, F_GETFD) != -1;
 }
+template <typename F>
+std::string Thrown(F f) {
+  try {
+    f();
+  } catch (const SocketException& e) {
+    return e.m_message;
+  }
+  return "(nothing thrown)";
+}
 
 }  // namespace
 
 TEST(Socket, ServerAndClientExchangeBytesAndAnnounce) {
-  const int port = loopback_port();
+  const int port = loopback::free_port();
   Socket server, client;
   testing::internal::CaptureStdout();
   server.Server_init("127.0.0.1", port);
   EXPECT_EQ(server.Accpet_client(), -1);  // nobody waiting: no line
   client.Client_init("127.0.0.1", port);
-  const int fd = accept_wait(server);
+  const int fd = loopback::wait_for([&] { return server.Accpet_client(); });
   ASSERT_NE(fd, -1);
   sockaddr_in local{};
   socklen_t len = sizeof(local);
@@ -42,66 +55,30 @@ TEST(Socket, ServerAndClientExchangeBytesAndAnnounce) {
   EXPECT_EQ(out, "");
   EXPECT_TRUE(client.Send(""));
   EXPECT_TRUE(client.Send(std::string("a#\0;b", 5)));
-  ASSERT_EQ(recv_wait(*peer, out), 5);
+  ASSERT_EQ(loopback::wait_for([&] { return peer->Recv(out); }), 5);
   EXPECT_EQ(out, std::string("a#\0;b", 5));
 
   // Destroying the adopting socket closes the descriptor: the client sees the
   // end of the stream, then failed sends (SIGPIPE is ignored).
   peer.reset();
   EXPECT_FALSE(is_open(fd));
-  EXPECT_EQ(recv_wait(client, out), 0);
-  EXPECT_EQ(wait_for([&] { return client.Send("x") ? -1 : 0; }), 0);
-}
-
-TEST(Socket, RecvDeliversAtMostOneChunkPerCall) {
-  int sv[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-  std::string burst(150000, '\0');
-  for (std::size_t i = 0; i < burst.size(); ++i) burst[i] = static_cast<char>(i * 7);
-  std::thread writer([&] { (void)!write(sv[0], burst.data(), burst.size()); });
-  Socket reader;
-  reader.Get(sv[1]);
-  std::string got, out;
-  int calls = 0;
-  for (; got.size() < burst.size(); ++calls) {
-    const int n = recv_wait(reader, out);
-    ASSERT_TRUE(n > 0 && n <= 102400) << n;
-    got += out;
-  }
-  writer.join();
-  close(sv[0]);
-  EXPECT_GE(calls, 2);
-  EXPECT_EQ(got, burst);
+  EXPECT_EQ(loopback::wait_for([&] { return client.Recv(out); }), 0);
+  EXPECT_EQ(loopback::wait_for([&] { return client.Send("x") ? -1 : 0; }), 0);
 }
 
 TEST(Socket, InitFailuresThrowKeepTheDescriptorAndPrintNothing) {
-  const int port = loopback_port();
-  int busy = -1;
-  const int busy_port = loopback_port(&busy);
+  const int port = loopback::free_port();
+  loopback::Peer busy;
   Socket client, server;
   testing::internal::CaptureStdout();
-  try {
-    client.Client_init("127.0.0.1", port);
-    ADD_FAILURE();
-  } catch (SocketException e) {
-    EXPECT_EQ(e.m_message, "Client Could not bind to port.");
-  }
-  try {
-    Socket s("127.0.0.1", port);
-    ADD_FAILURE();
-  } catch (const SocketException& e) {
-    EXPECT_EQ(e.m_message, "Could not bind to port.");
-  }
-  try {
-    server.Server_init("127.0.0.1", busy_port);
-    ADD_FAILURE();
-  } catch (const SocketException& e) {
-    EXPECT_EQ(e.m_message, "Server Could not bind to port.");
-  }
+  EXPECT_EQ(Thrown([&] { client.Client_init("127.0.0.1", port); }),
+            "Client Could not bind to port.");
+  EXPECT_EQ(Thrown([&] { Socket s("127.0.0.1", port); }), "Could not bind to port.");
+  EXPECT_EQ(Thrown([&] { server.Server_init("127.0.0.1", busy.port()); }),
+            "Server Could not bind to port.");
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
   EXPECT_TRUE(is_open(client.m_sock) && is_open(server.m_sock));
   EXPECT_FALSE(non_blocking(client.m_sock));
-  close(busy);
 }
 
 TEST(Socket, ConnectQuirksAndAdoption) {
@@ -109,8 +86,8 @@ TEST(Socket, ConnectQuirksAndAdoption) {
   EXPECT_FALSE(none.Client_connect("127.0.0.1", 1));
   EXPECT_EQ(none.m_addr.sin_port, 0);  // untouched without a descriptor
 
-  int listener = -1;
-  const int port = loopback_port(&listener);
+  loopback::Peer listener;
+  const int port = listener.port();
   Socket client;
   ASSERT_TRUE(client.Create());
   // A stale EAFNOSUPPORT refuses even a good address, which is still stored;
@@ -126,5 +103,5 @@ TEST(Socket, ConnectQuirksAndAdoption) {
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
   EXPECT_GE(client.Get(sv[0]), 0);
   EXPECT_TRUE(is_open(held));
-  for (int fd : {held, sv[1], listener}) close(fd);
+  for (int fd : {held, sv[1]}) close(fd);
 }
