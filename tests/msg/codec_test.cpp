@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <deque>
 #include <fstream>
@@ -13,6 +11,11 @@
 
 constexpr std::int32_t kMin = std::numeric_limits<std::int32_t>::min();
 constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();
+
+// An action whose every field differs from what a decode would write.
+static Action_RTS blank() {
+  return Action_RTS(0, QrInfo_RTS(), "f");
+}
 
 TEST(Encoding, KnownByteSequences) {
   EXPECT_EQ(Message_RTS().str(), hex("00000000 01000000 4e 01000000 4e 00000000 01000000 4e "
@@ -39,9 +42,8 @@ TEST(Encoding, CodesAreIntegersAndBlankLabelsRepeatThePreviousCode) {
   for (const char* code : {"N", " -4", "", " \t", "007", "2147483648", "-99999999999", "9"})
     path.push_back(waypoint(code));
   Action_RTS a(1, path);
-  QrInfo_ARC arc;
-  arc.qr_code = "";
-  a.arc_path = {arc};
+  a.arc_path.resize(1);
+  a.arc_path[0].qr_code = "";
   const std::string body = a.str();
   const std::int32_t want[] = {0, -4, -4, -4, 7, kMax, kMin, 9};
   for (std::size_t i = 0; i < path.size(); ++i) EXPECT_EQ(i32_at(body, 8 + 24 * i), want[i]) << i;
@@ -82,7 +84,7 @@ TEST(Decoding, OnlyTheMarkersAreChecked) {
   wrong_open[46] = '&';
   Message_RTS m;
   EXPECT_FALSE(m.decode(wrong_open));
-  EXPECT_EQ(Message_RTS(m).str(), source.str());  // every field before the marker was taken
+  EXPECT_EQ(m.str(), source.str());  // every field before the marker was taken
 
   // Cut before the opening marker: refused; anywhere after it: accepted.
   const std::string full = with_two_actions().str();
@@ -132,7 +134,7 @@ TEST(Decoding, ShortInputKeepsWhatIsNotReached) {
   EXPECT_TRUE(a.path.empty() && a.arc_path.empty() && a.target.qr_code.empty() && a.param.empty());
 }
 
-TEST(Decoding, CountsLengthsAndRepeatedDecoding) {
+TEST(Decoding, CountsAndLengths) {
   // N = -3: no path way-points, and M is read from the next 4 bytes.
   Action_RTS arcs_only(1, waypoint("t"), "f");
   arcs_only.arc_path.resize(1);
@@ -158,8 +160,9 @@ TEST(Decoding, CountsLengthsAndRepeatedDecoding) {
   Message_RTS holder;
   EXPECT_THROW(holder.decode(bad_target), std::length_error);
   EXPECT_TRUE(holder.actions.empty());  // the failed action is not appended
+}
 
-  // Decoding appends, and the stream stands right behind each record.
+TEST(Decoding, StreamsAppendAndStopRightBehindEachRecord) {
   const std::string one = with_two_actions().str();
   std::stringstream twice(one + one + "#");
   Message_RTS r;
@@ -167,22 +170,16 @@ TEST(Decoding, CountsLengthsAndRepeatedDecoding) {
   EXPECT_EQ(twice.tellg(), static_cast<std::streamoff>(one.size()));
   EXPECT_TRUE(r.decode(twice));
   EXPECT_EQ(r.actions.size(), 4u);
-}
 
-TEST(Decoding, FileStreams) {
-  char path[] = "/tmp/tarn_codec_XXXXXX";
-  const int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  close(fd);
-  const std::string message = with_two_actions().str();
+  const std::string path = ::testing::TempDir() + "tarn_codec_file";
   const std::string action = with_two_actions().actions[0].str();
-  std::ofstream(path, std::ios::binary) << message << action;
-  std::ifstream in(path, std::ios::binary);
+  std::ofstream(path, std::ios::binary) << one << action;
+  std::ifstream file(path, std::ios::binary);
   Message_RTS m;
   Action_RTS a = blank();
-  EXPECT_TRUE(m.decode(in) && a.decode(in));
-  EXPECT_EQ(m.str(), message);
+  EXPECT_TRUE(m.decode(file) && a.decode(file));
+  EXPECT_EQ(m.str(), one);
   EXPECT_EQ(a.str(), action);
-  EXPECT_FALSE(Message_RTS().decode(in));  // nothing left before the opening marker
-  std::remove(path);
+  EXPECT_FALSE(Message_RTS().decode(file));  // nothing left before the opening marker
+  std::remove(path.c_str());
 }

@@ -58,24 +58,19 @@ inline Message_RTS set_speed() {
   return m;
 }
 
-inline QrInfo_RTS waypoint(const std::string& code, float z = 0, int flag = 1) {
-  QrInfo_RTS w(code, 1.0f, 2.0f, SPACE_DEFAULT, flag);
+inline QrInfo_RTS waypoint(const std::string& code, float z = 0) {
+  QrInfo_RTS w(code, 1.0f, 2.0f, SPACE_DEFAULT, 1);
   w.z = z;
   return w;
-}
-
-inline Action_RTS blank() {
-  return Action_RTS(0, QrInfo_RTS(), "f");
 }
 
 // Two actions, one with a path and an arc path, one with a NUL in its param.
 inline Message_RTS with_two_actions() {
   Message_RTS m = set_speed();
   Action_RTS a(1, std::deque<QrInfo_RTS>{waypoint("3", 5), waypoint("-4")});
-  QrInfo_ARC arc;
-  arc.qr_code = "8";
-  arc.arc_param2 = 0.5f;
-  a.arc_path.push_back(arc);
+  a.arc_path.resize(1);
+  a.arc_path[0].qr_code = "8";
+  a.arc_path[0].arc_param2 = 0.5f;
   m.actions = {a, Action_RTS(2, waypoint("x"), std::string("p\0q", 3))};
   return m;
 }
