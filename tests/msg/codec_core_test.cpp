@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <limits>
 #include <sstream>
 #include <stdexcept>
 #include <vector>
@@ -86,22 +85,16 @@ TEST(CodecCore, ByteRangeDecodingMatchesStreamDecodingAtEveryCut) {
     // lengths, a negative and a short count. (Blind byte changes would turn
     // text bytes into gigabyte lengths, which are honoured.) INT32_MIN rather
     // than -1, so that a cut inside it leaves a small value.
-    std::vector<std::size_t> lengths{4, 8 + m.sender_id.size()};
-    lengths.push_back(lengths.back() + 8 + receiver_length);
-    lengths.push_back(lengths.back() + 4 + m.text_param1.size());
-    lengths.push_back(lengths.back() + 4 + m.text_param2.size());
+    std::vector<std::size_t> lengths{4};  // the five text length words; the key follows the second
+    for (const std::string* t : {&m.sender_id, &m.receiver_id, &m.text_param1, &m.text_param2})
+      lengths.push_back(lengths.back() + 4 + t->size() + (t == &m.receiver_id ? 4 : 0));
     const std::size_t marker = lengths.back() + 8 + m.text_param3.size();
-    const std::int32_t kMin = std::numeric_limits<std::int32_t>::min();
-    std::vector<std::string> variants{full,
-                                      full + "%trailing",
-                                      with_i32(full, marker + 1, kMin),
-                                      with_i32(full, marker + 1, 1),
-                                      full,
-                                      full};
-    variants[4][marker] = '&';
-    variants[5].back() = '&';
+    std::vector<std::string> variants{full, full + "%trailing"};
+    for (std::int32_t count : {INT32_MIN, 1}) variants.push_back(with_i32(full, marker + 1, count));
+    for (std::size_t at : {marker, full.size() - 1})
+      variants.push_back(std::string(full).replace(at, 1, "&"));
     for (std::size_t at : lengths) {
-      variants.push_back(with_i32(full, at, kMin));
+      variants.push_back(with_i32(full, at, INT32_MIN));
       variants.push_back(with_i32(full, at, 0x7fff));
     }
     for (std::size_t v = 0; v < variants.size(); ++v)

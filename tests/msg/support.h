@@ -1,19 +1,11 @@
 #pragma once
 
-#include <cstdint>
 #include <cstring>
-#include <string>
-#include <tuple>
 
 #include "msg/msg.h"
+#include "tests/support/wire.h"
 
-// "01000000 4e" -> the bytes 01 00 00 00 4e; blanks only separate.
-inline std::string hex(const char* text) {
-  std::string out;
-  for (const char* p = text; *p != '\0'; p += *p == ' ' ? 1 : 2)
-    if (*p != ' ') out += static_cast<char>(std::stoi(std::string(p, 2), nullptr, 16));
-  return out;
-}
+using wire::hex;
 
 inline std::int32_t i32_at(const std::string& s, std::size_t at) {
   std::int32_t v;
@@ -22,12 +14,7 @@ inline std::int32_t i32_at(const std::string& s, std::size_t at) {
 }
 
 inline std::string with_i32(std::string s, std::size_t at, std::int32_t v) {
-  std::memcpy(&s[at], &v, 4);
-  return s;
-}
-
-inline auto fields(const QrInfo_RTS& w) {
-  return std::make_tuple(w.qr_code, w.x, w.y, w.z, static_cast<int>(w.space_type), w.flag);
+  return s.replace(at, 4, wire::Bytes().i32(v).s);
 }
 
 // Everything a decode can leave in an action or a message, including what

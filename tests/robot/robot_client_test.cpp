@@ -4,8 +4,9 @@
 
 #include <fcntl.h>
 
+#include <chrono>
+#include <climits>
 #include <cmath>
-#include <limits>
 
 #include "tests/support/robot_session.h"
 
@@ -14,12 +15,6 @@ using testing::internal::GetCapturedStdout;
 using Connected = RobotSession;
 
 namespace {
-
-std::vector<std::int32_t> Keys(const std::vector<Message_RTS>& queue) {
-  std::vector<std::int32_t> keys;
-  for (const auto& m : queue) keys.push_back(m.key);
-  return keys;
-}
 
 // One way-point record of an action body: code, x, y, z, flag, space type.
 std::string Point(std::int32_t code, float x, float y, float z) {
@@ -54,29 +49,28 @@ TEST(RobotConnect, UnreachableServerRefusesGuardedCommandsAndKeepsQueueing) {
     EXPECT_FALSE(accepted);
   robot.GetDetial();
   EXPECT_EQ(GetCapturedStdout(), "");
-  EXPECT_TRUE(m_msg.outbox["T-0"].empty());
   EXPECT_TRUE(acts.empty());
 
   // Init and Kill have no guard; the unsent messages stay queued in order.
   robot.Init(1500, -2500, 0.5f);
   robot.Kill();
   for (int i = 0; i < 3; ++i) robot.Handle();
-  const auto& queue = m_msg.outbox["T-0"];
-  EXPECT_EQ(Keys(queue), (std::vector<std::int32_t>{KEY_KILL, KEY_INIT, KEY_KILL}));
+  EXPECT_EQ(OutboxKeys(), (std::vector<std::int32_t>{KEY_KILL, KEY_INIT, KEY_KILL}));
   EXPECT_FALSE(robot.online);
 }
 
 TEST_F(Connected, ParameterSettersCheckRangesAndNeedOnlyTheConnection) {
+  const auto param = [](const char* name, int value) {
+    return Out("SV-0", KEY_SET_PARAM, name, "N", "N", value);
+  };
   CaptureStdout();
   for (int v : {300, 1300, 299, 1301}) EXPECT_EQ(robot->SetVelocity(v), v == 300 || v == 1300);
   for (int a : {100, 1000, 99, 1001}) EXPECT_EQ(robot->SetAcceleration(a), a == 100 || a == 1000);
   EXPECT_EQ(GetCapturedStdout(),
             "value illegality \nvalue illegality \nvalue illegality \nvalue illegality \n");
   robot->Handle();
-  EXPECT_EQ(server.Read(), Out("SV-0", KEY_SET_PARAM, "Speed", "N", "N", 300) +
-                               Out("SV-0", KEY_SET_PARAM, "Speed", "N", "N", 1300) +
-                               Out("SV-0", KEY_SET_PARAM, "Acceleration", "N", "N", 100) +
-                               Out("SV-0", KEY_SET_PARAM, "Acceleration", "N", "N", 1000));
+  EXPECT_EQ(server.Read(), param("Speed", 300) + param("Speed", 1300) + param("Acceleration", 100) +
+                               param("Acceleration", 1000));
 
   // Offline and in error: still accepted, like Init and Kill.
   Feed(In("SV-0", KEY_DETAIL, "24 0 0 5", "R-0"));
@@ -85,20 +79,24 @@ TEST_F(Connected, ParameterSettersCheckRangesAndNeedOnlyTheConnection) {
   robot->Init(1500, 250, 7);
   robot->Kill();
   robot->Handle();
-  EXPECT_EQ(server.Read(),
-            Out("SV-0", KEY_SET_PARAM, "Speed", "N", "N", 800) + Out("SV-0", KEY_KILL) +
-                Out("SV-0", KEY_INIT, "1.500000", "0.250000", "7.000000") + Out("SV-0", KEY_KILL));
+  EXPECT_EQ(server.Read(), param("Speed", 800) + Out("SV-0", KEY_KILL) +
+                               Out("SV-0", KEY_INIT, "1.500000", "0.250000", "7.000000") +
+                               Out("SV-0", KEY_KILL));
 }
 
 TEST_F(Connected, OrientationAndDetailNeedAnOnlineFreeRobot) {
-  CaptureStdout();
-  EXPECT_FALSE(robot->SetOrientation(0.5f));  // offline
-  EXPECT_FALSE(robot->SetOrientation(9.0f));  // guard first: no range message
-  robot->GetDetial();
-  EXPECT_EQ(GetCapturedStdout(), "");
-  robot->Handle();
-  EXPECT_EQ(server.Read(100), "");
-
+  // Offline, then online but working: orientation refused silently, even out
+  // of range (the guard comes first); the detail request needs only online.
+  const auto guarded = [this](const std::string& sent) {
+    CaptureStdout();
+    EXPECT_FALSE(robot->SetOrientation(0.5f));
+    EXPECT_FALSE(robot->SetOrientation(9.0f));
+    robot->GetDetial();
+    EXPECT_EQ(GetCapturedStdout(), "");
+    robot->Handle();
+    EXPECT_EQ(server.Read(100), sent);
+  };
+  guarded("");
   BringOnline();
   const float pi = 3.14159274f;
   CaptureStdout();
@@ -109,20 +107,12 @@ TEST_F(Connected, OrientationAndDetailNeedAnOnlineFreeRobot) {
   robot->GetDetial();
   EXPECT_EQ(GetCapturedStdout(), "value illegality \nvalue illegality \n");
   robot->Handle();
-  EXPECT_EQ(server.Read(), Out("R-0", KEY_ORIENTATION, "r 3.14159") +
-                               Out("R-0", KEY_ORIENTATION, "r -3.14159") +
-                               Out("R-0", KEY_ORIENTATION, "r nan") +
-                               Out("R-0", KEY_ORIENTATION, "r 1e-07") + Out("R-0", KEY_GET_DETAIL));
-
-  // Working: orientation refused silently, the detail request still allowed.
+  std::string turns;
+  for (const char* text : {"r 3.14159", "r -3.14159", "r nan", "r 1e-07"})
+    turns += Out("R-0", KEY_ORIENTATION, text);
+  EXPECT_EQ(server.Read(), turns + Out("R-0", KEY_GET_DETAIL));
   Feed(In("SV-0", KEY_DETAIL, "24 0 0 0", "R-0"));
-  CaptureStdout();
-  EXPECT_FALSE(robot->SetOrientation(0.5f));
-  EXPECT_FALSE(robot->SetOrientation(9.0f));
-  robot->GetDetial();
-  EXPECT_EQ(GetCapturedStdout(), "");
-  robot->Handle();
-  EXPECT_EQ(server.Read(), Out("R-0", KEY_GET_DETAIL));
+  guarded(Out("R-0", KEY_GET_DETAIL));
 }
 
 TEST_F(Connected, PositionCommandsSendOneActionAndRecordItUntilDestruction) {
@@ -151,11 +141,7 @@ TEST_F(Connected, PositionCommandsSendOneActionAndRecordItUntilDestruction) {
                 ActionFrame(2, Point(0, 1, 2, 3) + Point(1, -0.5f, 0, 4), "1", -0.5f, 0) +
                 ActionFrame(0, "", "N", 0, 0));
 
-  ASSERT_EQ(acts.size(), 4u);
-  for (const auto& entry : acts) EXPECT_TRUE(entry.first);
-  EXPECT_EQ(acts[0].second.path.at(0).qr_code, "-1");
-  EXPECT_EQ(acts[2].second.path.size(), 2u);
-  EXPECT_TRUE(acts[3].second.path.empty());
+  EXPECT_EQ(Running(), "(-1)(-2)(0 1)()");
 
   // The destructor drops the running actions and the queue, sending nothing.
   ASSERT_TRUE(robot->SetPosition(1, 2, 3));
@@ -202,7 +188,7 @@ TEST_F(Connected, StatusReportsFollowStreamExtraction) {
 }
 
 TEST_F(Connected, ActionProgressTrimsAndRetiresTheOldestAction) {
-  auto progress = [this](const char* what, std::int32_t n) {
+  const auto progress = [this](const char* what, std::int32_t n) {
     Feed(In("R-0", KEY_ACTION, what, "N", n));
   };
   progress("action", 0);  // nothing running: ignored
@@ -210,26 +196,25 @@ TEST_F(Connected, ActionProgressTrimsAndRetiresTheOldestAction) {
   float p[4][3] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}};
   ASSERT_TRUE(robot->SetPosition(std::deque<float*>{p[0], p[1], p[2], p[3]}));
   ASSERT_TRUE(robot->SetPosition(5, 5, 0));
-  const auto front_codes = [] {
-    std::string codes;
-    for (const auto& q : acts.front().second.path) codes += q.qr_code;
-    return codes;
-  };
-  progress("path", 1);
+  acts.front().second.arc_path.resize(3);
+  progress("path", 1);  // one way-point off each list
   progress("other", 1);
   progress("path", 0);
-  EXPECT_EQ(front_codes(), "123");
+  EXPECT_EQ(Running(), "(1 2 3 arcN arcN)(-1)");
   acts.front().first = false;  // a held entry keeps its way-points
   progress("path", 2);
-  EXPECT_EQ(front_codes(), "123");
+  EXPECT_EQ(Running(), "!(1 2 3 arcN arcN)(-1)");
   acts.front().first = true;
-  progress("path", 7);  // more than there are; "path" never retires the action
-  EXPECT_EQ(front_codes(), "");
-  ASSERT_EQ(acts.size(), 2u);
-
+  // As a countdown these are up to 2^32 steps: the step must still end at
+  // once. "path" never retires the action.
+  for (std::int32_t count : {INT_MIN, -1, INT_MAX}) {
+    const auto start = std::chrono::steady_clock::now();
+    progress("path", count);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << count;
+    EXPECT_EQ(Running(), "()(-1)") << count;
+  }
   progress("action", 0);
-  ASSERT_EQ(acts.size(), 1u);
-  EXPECT_EQ(front_codes(), "-1");
+  EXPECT_EQ(Running(), "(-1)");
   progress("action", 0);
   progress("action", 0);
   EXPECT_TRUE(acts.empty());

@@ -43,10 +43,8 @@ class Peer {
   explicit Peer(int port = 0) : listen_fd_(socket(AF_INET, SOCK_STREAM, 0)) {
     int one = 1;
     setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in addr{
+        AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
     for (int attempt = 0; attempt < 200 && !listening_; ++attempt) {
       listening_ = bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
                    listen(listen_fd_, 4) == 0;

@@ -10,6 +10,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "robot/robot.h"
 #include "tests/support/peer.h"
@@ -26,6 +27,26 @@ inline std::string Out(const std::string& receiver, std::int32_t key, const std:
 inline std::string In(const std::string& sender, std::int32_t key, const std::string& t1 = "N",
                       const std::string& t2 = "N", std::int32_t int_param = 0) {
   return wire::frame(wire::body(sender, "T-0", key, t1, t2, "N", int_param));
+}
+
+// The keys of the messages queued for sending, oldest first.
+inline std::vector<std::int32_t> OutboxKeys() {
+  std::vector<std::int32_t> keys;
+  for (const Message_RTS& m : m_msg.outbox["T-0"]) keys.push_back(m.key);
+  return keys;
+}
+
+// The running actions, oldest first, as their path codes and arc path codes:
+// "(0 1 arcN)(-1)"; a held entry (progress flag off) is marked "!(...)".
+inline std::string Running() {
+  std::string out;
+  for (const auto& entry : acts) {
+    std::string codes;
+    for (const QrInfo_RTS& q : entry.second.path) codes += ' ' + q.qr_code;
+    for (const QrInfo_ARC& q : entry.second.arc_path) codes += " arc" + q.qr_code;
+    out += (entry.first ? "(" : "!(") + codes.substr(codes.empty() ? 0 : 1) + ")";
+  }
+  return out;
 }
 
 class RobotSession : public testing::Test {

@@ -11,23 +11,14 @@
 //     int_param, '%', the action count, the action bodies, '%'.
 
 #include <cstdint>
-#include <cstring>
 #include <string>
 
 namespace wire {
 
 struct Bytes {
   std::string s;
-  template <typename T>
-  Bytes& word(T v) {
-    static_assert(sizeof(T) == 4, "wire words are 4 bytes");
-    char b[4];
-    std::memcpy(b, &v, 4);
-    s.append(b, 4);
-    return *this;
-  }
-  Bytes& i32(std::int32_t v) { return word(v); }
-  Bytes& f32(float v) { return word(v); }
+  Bytes& i32(std::int32_t v) { return raw(std::string(reinterpret_cast<const char*>(&v), 4)); }
+  Bytes& f32(float v) { return raw(std::string(reinterpret_cast<const char*>(&v), 4)); }
   Bytes& text(const std::string& t) { return i32(static_cast<std::int32_t>(t.size())).raw(t); }
   Bytes& raw(const std::string& t) {
     s += t;
