@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <deque>
+#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
@@ -153,10 +155,10 @@ TEST(Decoding, CountsAndLengths) {
   EXPECT_TRUE(holder.actions.empty());  // the failed action is not appended
 }
 
-TEST(Decoding, StreamsAppendAndStopRightBehindEachRecord) {
-  const std::string one = with_two_actions().str();
-  const std::string action = with_two_actions().actions[0].str();
-  std::stringstream in(one + one + action);
+// Both stream overloads of each decoder: every record stops right behind its
+// closing marker, and decoding again appends.
+template <class Stream>
+void ExpectRecordsInStream(Stream& in, const std::string& one, const std::string& action) {
   Message_RTS m;
   Action_RTS a = blank();
   EXPECT_TRUE(m.decode(in));
@@ -165,4 +167,17 @@ TEST(Decoding, StreamsAppendAndStopRightBehindEachRecord) {
   EXPECT_EQ(m.actions.size(), 4u);
   EXPECT_EQ(a.str(), action);
   EXPECT_FALSE(Message_RTS().decode(in));  // nothing left before the opening marker
+}
+
+TEST(Decoding, StreamsAppendAndStopRightBehindEachRecord) {
+  const std::string one = with_two_actions().str();
+  const std::string action = with_two_actions().actions[0].str();
+  std::stringstream text(one + one + action);
+  ExpectRecordsInStream(text, one, action);
+
+  const std::string path = ::testing::TempDir() + "tarn_codec_records.bin";
+  std::ofstream(path, std::ios::binary) << one + one + action;
+  std::ifstream file(path, std::ios::binary);
+  ExpectRecordsInStream(file, one, action);
+  std::remove(path.c_str());
 }
