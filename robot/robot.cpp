@@ -13,16 +13,7 @@
 
 #include "msg/node_ids.h"
 #include "robot/removal.h"
-
-#ifndef TARN_SERVER_ADDRESS
-#define TARN_SERVER_ADDRESS "127.0.0.1"
-#endif
-
-namespace {
-// The control server listens on this port; only its address is configurable
-// at build time.
-constexpr int kServerPort = 6868;
-}  // namespace
+#include "tarn_config.h"
 
 // Module-wide state, built after this file's node identifiers (included above)
 // and destroyed in reverse order at unload.
@@ -153,7 +144,7 @@ Robot::Robot()
       online(false),
       state(-1) {
   try {
-    m_socket.Client_init(TARN_SERVER_ADDRESS, kServerPort);
+    m_socket.Client_init(TARN_SERVER_ADDRESS, TARN_SERVER_PORT);
     connected = true;
   } catch (SocketException) {
     std::cout << "Can Not Connect Server !" << std::endl;

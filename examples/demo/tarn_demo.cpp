@@ -20,16 +20,14 @@
 #include <vector>
 
 #include "robot/robot.h"
-
-#ifndef TARN_SERVER_ADDRESS
-#define TARN_SERVER_ADDRESS "127.0.0.1"
-#endif
+#include "tarn_config.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-const std::string kServer = std::string(TARN_SERVER_ADDRESS) + ":6868";
+const std::string kServer =
+    std::string(TARN_SERVER_ADDRESS) + ":" + std::to_string(TARN_SERVER_PORT);
 // Handle() never blocks, so the loop sleeps between service steps: fast
 // enough to follow reports at any sensible rate, without spinning a core.
 constexpr std::chrono::milliseconds kPollPeriod(5);

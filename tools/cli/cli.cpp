@@ -8,9 +8,7 @@
 #include <iomanip>
 #include <sstream>
 
-#ifndef TARN_SERVER_ADDRESS
-#define TARN_SERVER_ADDRESS "127.0.0.1"
-#endif
+#include "tarn_config.h"
 
 namespace tarn_cli {
 
@@ -303,8 +301,9 @@ std::string HelpText(const std::string& topic) {
       "  tarn init 0 0 0 then goto 1500 -250 then kill\n"
       "\n"
       "The control server's address and port are compiled into the library\n"
-      "(" TARN_SERVER_ADDRESS
-      ":6868 in this build); there is no option to change them.\n"
+      "(" TARN_SERVER_ADDRESS ":" +
+      std::to_string(TARN_SERVER_PORT) +
+      " in this build); there is no option to change them.\n"
       "\n"
       "Exit status: 0 done; 2 bad arguments or a value out of range; 3 server\n"
       "unreachable or connection lost; 4 no answer in time; 5 robot not online,\n"

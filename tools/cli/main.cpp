@@ -21,10 +21,7 @@
 
 #include "cli.h"
 #include "robot/robot.h"
-
-#ifndef TARN_SERVER_ADDRESS
-#define TARN_SERVER_ADDRESS "127.0.0.1"
-#endif
+#include "tarn_config.h"
 
 namespace {
 
@@ -382,8 +379,9 @@ void RunCommand(const tarn_cli::Invocation& inv, const tarn_cli::Command& c, Ses
 int Run(const tarn_cli::Invocation& inv) {
   Robot robot;  // on failure the library itself prints "Can Not Connect Server !"
   if (!robot.connected) {
-    throw Stop{tarn_cli::kUnreachable,
-               "cannot reach the control server at " TARN_SERVER_ADDRESS ":6868"};
+    throw Stop{tarn_cli::kUnreachable, "cannot reach the control server at " TARN_SERVER_ADDRESS
+                                       ":" +
+                                           std::to_string(TARN_SERVER_PORT)};
   }
   Session session(robot, inv.timeout_s);
   for (const tarn_cli::Command& c : inv.commands) RunCommand(inv, c, session, robot);
