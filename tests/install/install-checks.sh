@@ -73,6 +73,9 @@ through_pkgconfig() {
   [[ "$flags $libdir" != *"/."* && $libdir == /* ]] || fail "pkg-config paths not normalised: $flags; $libdir"
   for form in tree conventional; do
     example_in_form $form "$work/pc-$form"
+    # The conventional form must need no more than <prefix>/include: that
+    # is all a compiler's default search path gives for a /usr install.
+    [[ $form == conventional ]] && flags=$(sed -E 's#-I[^ ]*/include/TarnSDK( |$)##' <<<"$flags")
     # Word splitting of $flags is intended: it is a command-line fragment.
     # shellcheck disable=SC2086
     timeout 180 "$cxx" -std=c++17 "$work/pc-$form/main.cpp" -o "$work/pc-$form/app" $flags -Wl,-rpath,"$libdir" ||
