@@ -84,6 +84,14 @@ through_pkgconfig() {
   done
 }
 
+# The programs installed in <bin dir> find the library by their rpath.
+programs_find_library() {
+  for program in "$1"/*; do
+    [[ -e $program ]] || continue
+    env -u LD_LIBRARY_PATH ldd "$program" | grep -q 'libTarnSDK.so.1 => not found' && fail "$program cannot find libTarnSDK.so.1"
+  done
+}
+
 check=$1
 shift
 case $check in
@@ -108,11 +116,7 @@ layout)
     cmake/TarnSDK/TarnSDKTargets.cmake pkgconfig/tarnsdk.pc; do
     [[ -f $lib/$file ]] || fail "$libdir/$file not installed"
   done
-  # The programs that were built are installed and find the library by rpath.
-  for program in "$prefix"/bin/*; do
-    [[ -e $program ]] || continue
-    env -u LD_LIBRARY_PATH ldd "$program" | grep -q 'libTarnSDK.so.1 => not found' && fail "$program cannot find libTarnSDK.so.1"
-  done
+  programs_find_library "$prefix/bin"
   echo "layout ok"
   ;;
 
@@ -174,10 +178,11 @@ deb)
     fail "libtarnsdk1 has no shlibs file for libTarnSDK.so.1"
   through_cmake "$work/root/usr"
   PKG_CONFIG_PATH=$work/root/usr/$libdir/pkgconfig through_pkgconfig --define-variable=prefix="$work/root/usr"
-  for module in "$work"/root/usr/lib/python3*/dist-packages/tarnsdk*.so; do
-    [[ -e $module ]] || continue
+  programs_find_library "$work/root/usr/bin"
+  if [[ " ${packages[*]} " == *" python3-tarnsdk "* ]]; then
+    module=$(find "$work/root" -name 'tarnsdk*.so')
     PYTHONPATH=$(dirname "$module") python3 -c 'import tarnsdk' || fail "the Python package's module does not load"
-  done
+  fi
   echo "Debian packages ok: ${packages[*]}"
   ;;
 
