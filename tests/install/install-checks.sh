@@ -36,7 +36,7 @@ run_minimal() {
   [[ $status -eq $no_server_status ]] || fail "$program exited with $status, expected $no_server_status"
 }
 
-# Copies the minimal example to <dir> with its robot.h include rewritten to
+# Copies the minimal example to <dir>, with its robot.h include rewritten to
 # <form>: "tree" ("robot/robot.h" and its siblings, as inside this project) or
 # "conventional" (<TarnSDK/robot/robot.h> and its siblings).
 example_in_form() {
@@ -44,7 +44,7 @@ example_in_form() {
   includes='#include "msg/msg.h"\n#include "net/Socket.h"\n#include "robot/robot.h"'
   [[ $form == conventional ]] && includes='#include <TarnSDK/msg/msg.h>\n#include <TarnSDK/net/Socket.h>\n#include <TarnSDK/robot/robot.h>'
   mkdir -p "$dir"
-  cp "$src/CMakeLists.txt" "$dir/"
+  cp -r "$src/." "$dir/"
   sed -E "s|^#include [<\"](TarnSDK/)?robot/robot\.h[>\"]$|$includes|" "$src/main.cpp" >"$dir/main.cpp"
   grep -qF "${includes##*\\n}" "$dir/main.cpp" || fail "$src/main.cpp has no robot.h include to rewrite"
 }
