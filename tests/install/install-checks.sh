@@ -175,7 +175,7 @@ deb)
   done
   [[ $(ls "$work/debs"/*.deb | wc -l) -eq ${#packages[@]} ]] || fail "unexpected packages: $(ls "$work/debs")"
   [[ $(dpkg-deb -I "$work/debs/libtarnsdk1_${version}_"*.deb shlibs) == "libTarnSDK 1 libtarnsdk1 (>= $version)" ]] ||
-    fail "libtarnsdk1's shlibs file does not grant libTarnSDK.so.1 to any release from $version on"
+    fail "libtarnsdk1's shlibs file is not: libTarnSDK 1 libtarnsdk1 (>= $version)"
   through_cmake "$work/root/usr"
   PKG_CONFIG_PATH=$work/root/usr/$libdir/pkgconfig through_pkgconfig --define-variable=prefix="$work/root/usr"
   programs_find_library "$work/root/usr/bin"
