@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# Checks of the installed tree, one per CTest test:
+# Checks of the installed tree and of the Debian packages, one per CTest test:
 #   install-checks.sh tree      <cmake> <build dir> <config> <prefix>
-#   install-checks.sh layout    <prefix> <libdir> <readelf>
-#   install-checks.sh exports   <prefix> <libdir> <nm>
-#   install-checks.sh cmake     <prefix> <cmake> <generator> <c++> <minimal src> <work dir> <status>
-#   install-checks.sh pkgconfig <prefix> <libdir> <c++> <minimal src> <work dir> <status>
+#   install-checks.sh layout    <prefix> <libdir> <readelf> <public header>...
+#   install-checks.sh exports   <prefix> <libdir> <nm> <expected list>
+#   install-checks.sh unload    <prefix> <libdir> <unload program>
+#   install-checks.sh cmake     <prefix> <libdir> <cmake> <generator> <c++> <minimal src> <work dir> <status>
+#   install-checks.sh pkgconfig <prefix> <libdir> <cmake> <generator> <c++> <minimal src> <work dir> <status>
+#   install-checks.sh deb       <cpack> <build dir> <config> <package>... -- <libdir> <cmake> <generator> <c++>
+#                               <minimal src> <work dir> <status>
 # <status> is the exit status the minimal program documents for "no server".
 set -uo pipefail
 
@@ -17,7 +20,7 @@ fail() {
 # test holds the port lock) and checks that it loaded, tried to connect and
 # gave up the documented way.
 run_minimal() {
-  local program=$1 expected_status=$2 out status
+  local program=$1 out status
   # The port lock keeps this CTest run's own servers away; a server started
   # by some other run on this machine is waited out (passively: connecting to
   # it would disturb whoever uses it).
@@ -29,9 +32,64 @@ run_minimal() {
   fi
   out=$(timeout 30 "$program" 2>&1)
   status=$?
-  printf '%s\n' "$out"
-  grep -qxF 'Can Not Connect Server !' <<<"$out" || fail "$program did not print the connection failure line"
-  [[ $status -eq $expected_status ]] || fail "$program exited with $status, expected $expected_status"
+  grep -qxF 'Can Not Connect Server !' <<<"$out" || fail "$program did not print the connection failure line: $out"
+  [[ $status -eq $no_server_status ]] || fail "$program exited with $status, expected $no_server_status"
+}
+
+# Copies the minimal example to <dir>, with its robot.h include rewritten to
+# <form>: "tree" ("robot/robot.h" and its siblings, as inside this project) or
+# "conventional" (<TarnSDK/robot/robot.h> and its siblings).
+example_in_form() {
+  local form=$1 dir=$2 includes
+  includes='#include "msg/msg.h"\n#include "net/Socket.h"\n#include "robot/robot.h"'
+  [[ $form == conventional ]] && includes='#include <TarnSDK/msg/msg.h>\n#include <TarnSDK/net/Socket.h>\n#include <TarnSDK/robot/robot.h>'
+  mkdir -p "$dir"
+  cp -r "$src/." "$dir/"
+  sed -E "s|^#include [<\"](TarnSDK/)?robot/robot\.h[>\"]$|$includes|" "$src/main.cpp" >"$dir/main.cpp"
+  grep -qF "${includes##*\\n}" "$dir/main.cpp" || fail "$src/main.cpp has no robot.h include to rewrite"
+}
+
+# Builds the example in both include forms through the CMake package found
+# under <prefix path>, and runs each.
+through_cmake() {
+  for form in tree conventional; do
+    local dir=$work/cmake-$form
+    example_in_form $form "$dir"
+    { timeout 120 "$cmake" -S "$dir" -B "$dir/build" -G "$generator" -DCMAKE_CXX_COMPILER="$cxx" \
+      -DCMAKE_PREFIX_PATH="$1" -DCMAKE_BUILD_TYPE=Release && timeout 180 "$cmake" --build "$dir/build"; } \
+      >"$dir.log" 2>&1 || fail "$form form through the CMake package: $(cat "$dir.log")"
+    run_minimal "$dir/build/app"
+  done
+}
+
+# The same through pkg-config, whose extra arguments are given; the rpath
+# is the one the README teaches.
+through_pkgconfig() {
+  local flags libdir
+  flags=$(pkg-config "$@" --cflags --libs tarnsdk) || fail "pkg-config does not know tarnsdk"
+  libdir=$(pkg-config "$@" --variable=libdir tarnsdk)
+  [[ $flags =~ -I/[^\ ]*/include\ -I/[^\ ]*/include/TarnSDK && $flags =~ (^|\ )-lTarnSDK(\ |$) ]] ||
+    fail "pkg-config flags lack an include directory or -lTarnSDK: $flags"
+  [[ "$flags $libdir" != *"/."* && $libdir == /* ]] || fail "pkg-config paths not normalised: $flags; $libdir"
+  for form in tree conventional; do
+    example_in_form $form "$work/pc-$form"
+    # The conventional form must need no more than <prefix>/include: that
+    # is all a compiler's default search path gives for a /usr install.
+    [[ $form == conventional ]] && flags=$(sed -E 's#-I[^ ]*/include/TarnSDK( |$)##' <<<"$flags")
+    # Word splitting of $flags is intended: it is a command-line fragment.
+    # shellcheck disable=SC2086
+    timeout 180 "$cxx" -std=c++17 "$work/pc-$form/main.cpp" -o "$work/pc-$form/app" $flags -Wl,-rpath,"$libdir" ||
+      fail "$form form with pkg-config flags does not compile"
+    run_minimal "$work/pc-$form/app"
+  done
+}
+
+# The programs installed in <bin dir> find the library by their rpath.
+programs_find_library() {
+  for program in "$1"/*; do
+    [[ -e $program ]] || continue
+    env -u LD_LIBRARY_PATH ldd "$program" | grep -q 'libTarnSDK.so.1 => not found' && fail "$program cannot find libTarnSDK.so.1"
+  done
 }
 
 check=$1
@@ -45,13 +103,11 @@ tree)
 
 layout)
   prefix=$1 libdir=$2 readelf=$3
+  shift 3
   lib=$prefix/$libdir
-  for header in msg/msg.h msg/export.h net/Socket.h robot/robot.h; do
-    [[ -f $prefix/include/TarnSDK/$header ]] || fail "public header $header not installed"
-  done
-  # Exactly the four public headers: nothing internal rides along.
-  extra=$(find "$prefix/include" -type f | grep -vE '/include/TarnSDK/(msg/msg|msg/export|net/Socket|robot/robot)\.h$')
-  [[ -z $extra ]] || fail "unexpected files under include/: $extra"
+  # Exactly the public headers: nothing internal rides along.
+  wanted=$(printf "$prefix/include/TarnSDK/%s\n" "$@" | sort)
+  [[ $(find "$prefix/include" -type f | sort) == "$wanted" ]] || fail "headers installed: $(find "$prefix/include" -type f)"
   [[ $(readlink "$lib/libTarnSDK.so") == libTarnSDK.so.1 ]] || fail "libTarnSDK.so does not link to libTarnSDK.so.1"
   real=$(readlink "$lib/libTarnSDK.so.1")
   [[ $real =~ ^libTarnSDK\.so\.1\.[0-9]+\.[0-9]+$ && -f $lib/$real ]] || fail "libTarnSDK.so.1 -> '$real'"
@@ -60,86 +116,74 @@ layout)
     cmake/TarnSDK/TarnSDKTargets.cmake pkgconfig/tarnsdk.pc; do
     [[ -f $lib/$file ]] || fail "$libdir/$file not installed"
   done
-  # The programs that were built are installed and find the library by rpath.
-  for program in "$prefix"/bin/*; do
-    [[ -e $program ]] || continue
-    env -u LD_LIBRARY_PATH ldd "$program" | grep -q 'libTarnSDK.so.1 => not found' && fail "$program cannot find libTarnSDK.so.1"
-  done
+  programs_find_library "$prefix/bin"
   echo "layout ok"
   ;;
 
 exports)
-  prefix=$1 libdir=$2 nm=$3
-  symbols=$("$nm" -DC --defined-only "$prefix/$libdir/libTarnSDK.so.1") || fail "nm failed"
-  names=$(sed -E 's/^[0-9a-f]* *[A-Za-z] //' <<<"$symbols")
-  for wanted in 'Robot::Robot()' 'Robot::~Robot()' 'Robot::Handle()' 'Robot::Init(float, float, float)' \
-    'Robot::Kill()' 'Robot::SetPosition(float, float, float)' 'Robot::SetVelocity(int)' \
-    'Robot::SetAcceleration(int)' 'Robot::SetOrientation(float)' 'Robot::GetDetial()' \
-    'Socket::Socket()' 'Socket::~Socket()' 'Socket::Create()' 'Socket::Accpet_client()' \
-    'Socket::Set_non_blocking(bool)' 'Socket::Get(int)' 'typeinfo for SocketException' \
-    'QrInfo_RTS::QrInfo_RTS()' 'QrInfo_RTS::operator==(QrInfo_RTS const&) const' \
-    'Message_RTS::Message_RTS()' 'recv_msg(Socket&, MailBox&)' 'send_msg(Socket&, Message_RTS&)' \
-    'ShowCerts(ssl_st*)' 'm_socket' 'm_msg' 'acts'; do
-    grep -qxF "$wanted" <<<"$names" || fail "not exported: $wanted"
-  done
-  for prefix_wanted in 'Robot::SetPosition(std::deque<' 'Robot::DebugString' 'Action_RTS::Action_RTS(' \
-    'Action_RTS::str' 'Action_RTS::decode(' 'Message_RTS::str' 'Message_RTS::decode(' \
-    'Socket::Client_init(' 'Socket::Server_init(' 'Socket::Send(' 'Socket::Recv('; do
-    grep -qF "$prefix_wanted" <<<"$names" || fail "not exported: $prefix_wanted..."
-  done
-  # Everything else must be either the public interface or a vague-linkage
-  # instance of a standard template or constant (weak or unique: emitted
-  # wherever it is used, and merged at load time).
-  public='^(Robot::|Socket::|SocketException::|QrInfo_RTS::|QrInfo_ARC::|Action_RTS::|Message_RTS::|MailBox::|(typeinfo|typeinfo name|vtable) for (Socket|SocketException|Robot|Message_RTS|Action_RTS|QrInfo_RTS|QrInfo_ARC|MailBox)$|send_msg\(|recv_msg\(|ShowCerts\(|m_socket$|m_msg$|acts$|_init$|_fini$)'
-  private=$(sed -E 's/^[0-9a-f]* *//' <<<"$symbols" | grep -vE '^[WVu] .*(std::|__gnu_cxx::)' |
-    sed -E 's/^[A-Za-z] //' | grep -vE "$public")
-  [[ -z $private ]] || fail "private symbols exported:"$'\n'"$private"
-  for internal in rts_id server_id robot_id rms_id arm_id undef Send2server Send2robot decode_message file_frame; do
-    grep -qE "(^|[^A-Za-z0-9_])$internal([^A-Za-z0-9_]|$)" <<<"$names" && fail "internal name exported: $internal"
-  done
-  echo "exports ok: $(wc -l <<<"$names") symbols"
+  prefix=$1 libdir=$2 nm=$3 expected=$4
+  # Type, demangled name and version node of every exported definition.
+  actual=$("$nm" -DC --defined-only "$prefix/$libdir/libTarnSDK.so.1" | sed -E 's/^[0-9a-f]* //' | LC_ALL=C sort -u) ||
+    fail "nm failed"
+  diff <(LC_ALL=C sort -u "$expected") <(cat <<<"$actual") || fail "exported symbols differ from $expected (< expected, > exported)"
+  echo "exports ok: $(wc -l <<<"$actual") symbols"
   ;;
 
-cmake)
-  prefix=$1 cmake=$2 generator=$3 cxx=$4 src=$5 work=$6 status=$7
-  rm -rf "$work"
-  mkdir -p "$work"
-  timeout 120 "$cmake" -S "$src" -B "$work/build" -G "$generator" -DCMAKE_CXX_COMPILER="$cxx" \
-    -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release || fail "configuring the minimal example failed"
-  timeout 180 "$cmake" --build "$work/build" || fail "building the minimal example failed"
-  program=$(find "$work/build" -maxdepth 1 -type f -executable -name app)
-  [[ -n $program ]] || fail "no program 'app' built"
-  run_minimal "$program" "$status"
+unload)
+  "$3" "$1/$2/libTarnSDK.so.1" || fail "the library did not unload cleanly"
+  ;;
 
+cmake | pkgconfig)
+  prefix=$1 libdir=$2 cmake=$3 generator=$4 cxx=$5 src=$6 work=$7 no_server_status=$8
+  rm -rf "$work"
+  if [[ $check == pkgconfig ]]; then
+    PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig through_pkgconfig
+    echo "pkg-config consumers ok"
+    exit 0
+  fi
+  through_cmake "$prefix"
   # The package's version file: the same major version is found, another is not.
   probe=$work/probe
   mkdir -p "$probe"
   printf '%s\n' 'cmake_minimum_required(VERSION 3.16)' 'project(probe LANGUAGES NONE)' \
-    'find_package(TarnSDK ${WANT} CONFIG REQUIRED)' \
-    'if(NOT TARGET TarnSDK::TarnSDK)' '  message(FATAL_ERROR "no TarnSDK::TarnSDK")' 'endif()' \
-    'message(STATUS "found TarnSDK ${TarnSDK_VERSION}")' >"$probe/CMakeLists.txt"
+    'find_package(TarnSDK ${WANT} CONFIG REQUIRED)' 'message(STATUS "found TarnSDK ${TarnSDK_VERSION}")' >"$probe/CMakeLists.txt"
   timeout 60 "$cmake" -S "$probe" -B "$probe/ok" -DWANT=1.0 -DCMAKE_PREFIX_PATH="$prefix" >"$probe/ok.log" 2>&1 ||
     fail "find_package(TarnSDK 1.0) failed: $(cat "$probe/ok.log")"
   grep -q 'found TarnSDK 1\.' "$probe/ok.log" || fail "unexpected version: $(cat "$probe/ok.log")"
   timeout 60 "$cmake" -S "$probe" -B "$probe/major" -DWANT=2.0 -DCMAKE_PREFIX_PATH="$prefix" >"$probe/major.log" 2>&1 &&
     fail "find_package(TarnSDK 2.0) accepted version 1"
-  echo "cmake consumer ok"
+  echo "cmake consumers ok"
   ;;
 
-pkgconfig)
-  prefix=$1 libdir=$2 cxx=$3 src=$4 work=$5 status=$6
+deb)
+  cpack=$1 build=$2 config=$3
+  shift 3
+  packages=()
+  while [[ $1 != -- ]]; do packages+=("$1") && shift; done
+  libdir=$2 cmake=$3 generator=$4 cxx=$5 src=$6 work=$7 no_server_status=$8
   rm -rf "$work"
-  mkdir -p "$work"
-  export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
-  flags=$(pkg-config --cflags --libs tarnsdk) || fail "pkg-config does not know tarnsdk"
-  grep -qE -- "-I[^ ]*/include/TarnSDK( |$)" <<<"$flags" || fail "no include directory in: $flags"
-  grep -qE -- "(^| )-lTarnSDK( |$)" <<<"$flags" || fail "no -lTarnSDK in: $flags"
-  # Word splitting of $flags is intended: it is a command-line fragment.
-  # shellcheck disable=SC2086
-  timeout 180 "$cxx" -std=c++17 "$src/main.cpp" -o "$work/app" $flags \
-    -Wl,-rpath,"$(pkg-config --variable=libdir tarnsdk)" || fail "compiling with pkg-config flags failed"
-  run_minimal "$work/app" "$status"
-  echo "pkg-config consumer ok"
+  timeout 300 "$cpack" -G DEB -C "$config" -B "$work/debs" --config "$build/CPackConfig.cmake" >"$work.log" 2>&1 ||
+    fail "cpack failed: $(cat "$work.log")"
+  version=$(sed -nE 's/^set\(CPACK_PACKAGE_VERSION "(.*)"\)$/\1/p' "$build/CPackConfig.cmake")
+  for package in "${packages[@]}"; do
+    deb=$(echo "$work/debs/${package}_${version}_"*.deb)
+    [[ -f $deb ]] || fail "no package $package $version among: $(ls "$work/debs")"
+    dpkg-deb -x "$deb" "$work/root" || fail "cannot unpack $deb"
+    depends=$(dpkg-deb -f "$deb" Depends)
+    [[ $package == libtarnsdk1 || $depends == *"libtarnsdk1 (= $version)"* ]] || fail "$package depends on: $depends"
+    [[ $package == libtarnsdk-dev || $depends == *"libc6 (>= "* ]] || fail "$package: no computed dependencies: $depends"
+  done
+  [[ $(ls "$work/debs"/*.deb | wc -l) -eq ${#packages[@]} ]] || fail "unexpected packages: $(ls "$work/debs")"
+  [[ $(dpkg-deb -I "$work/debs/libtarnsdk1_${version}_"*.deb shlibs) == "libTarnSDK 1 libtarnsdk1 (>= $version)" ]] ||
+    fail "libtarnsdk1's shlibs file is not: libTarnSDK 1 libtarnsdk1 (>= $version)"
+  through_cmake "$work/root/usr"
+  PKG_CONFIG_PATH=$work/root/usr/$libdir/pkgconfig through_pkgconfig --define-variable=prefix="$work/root/usr"
+  programs_find_library "$work/root/usr/bin"
+  if [[ " ${packages[*]} " == *" python3-tarnsdk "* ]]; then
+    module=$(find "$work/root" -name 'tarnsdk*.so')
+    PYTHONPATH=$(dirname "$module") python3 -c 'import tarnsdk' || fail "the Python package's module does not load"
+  fi
+  echo "Debian packages ok: ${packages[*]}"
   ;;
 
 *)
