@@ -14,7 +14,7 @@ TARN_TEST_PACKAGES=(
   valgrind                                      # the demo under memcheck
   pybind11-dev python3-dev python3-pytest       # the Python module and its tests
   tshark                                        # the dissector's test
-  dpkg-dev file                                 # Debian packages: shlibdeps, unpacking
+  dpkg-dev file binutils                        # Debian packages: shlibdeps, unpacking; nm, readelf
   libmosquitto-dev mosquitto mosquitto-clients  # the VDA 5050 bridge, its broker
   python3-paho-mqtt                             # the bridge tests' scripted master
   chromium chromium-driver python3-selenium     # the live view's browser test
