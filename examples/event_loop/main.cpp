@@ -43,7 +43,7 @@ bool Command(Robot& robot, const std::string& line) {
 
 int main() {
   Robot robot;
-  if (!robot.connected) return 2;
+  if (!robot.connected) return 1;
   robot.Init(0, 0, 0);
 
   using Clock = std::chrono::steady_clock;

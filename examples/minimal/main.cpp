@@ -34,7 +34,7 @@ bool ServeUntil(Robot& robot, Done done, int seconds) {
 
 int main() {
   Robot robot;                     // connects to the control server compiled into the library
-  if (!robot.connected) return 2;  // the library printed "Can Not Connect Server !"
+  if (!robot.connected) return 1;  // the library printed "Can Not Connect Server !"
 
   robot.Init(0, 0, 0);  // x and y in millimetres; queued, sent by Handle()
   if (!ServeUntil(

@@ -14,16 +14,12 @@ run 0 1000 "$tarn" speed --help && has_lines out "Usage: tarn [OPTIONS] speed V"
 # Without periodic reports, status asks for one. A fresh connection finds
 # the robot offline; it stays online between invocations once initialised.
 start_sim --rate 0
-for step in before after; do
-  run 0 2000 "$tarn" status
-  has_lines out "robot         R-0" "state         free"
-  grep -qxE "online +(unknown|$([[ $step == before ]] && echo no || echo yes))" "$work/out" ||
-    fail "online state $step init"
-  [[ $step == after ]] && break
-  run 5 2000 "$tarn" goto 100 100
-  grep -qF "; bring it online first: tarn init X Y Z" "$work/err" || fail "no refusal hint"
-  run 0 2000 "$tarn" init 0 0 0
-done
+run 0 2000 "$tarn" status && has_lines out "robot         R-0" "state         free"
+grep -qxE "online +(unknown|no)" "$work/out" || fail "online state before init"
+run 5 2000 "$tarn" goto 100 100
+grep -qF "; bring it online first: tarn init X Y Z" "$work/err" || fail "no refusal hint"
+run 0 2000 "$tarn" init 0 0 0
+run 0 2000 "$tarn" status && grep -qxE "online +(unknown|yes)" "$work/out" || fail "online state"
 run 0 5000 "$tarn" goto 500 0 && has_lines out "goal 500 0 mm reached"
 stop "$sim_pid"
 
