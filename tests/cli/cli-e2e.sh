@@ -40,11 +40,8 @@ has_lines out "goal 3000 0 mm sent"
 has_lines err "tarn: robot is busy (working); wait or run 'tarn kill'"
 
 # Lost server in the middle of a watch.
-start "$work/watch" "R-0" "$tarn" watch
-watch_pid=$bg
-stop "$sim_pid"
-timeout 5 tail -s 0.05 --pid="$watch_pid" -f /dev/null || fail "watch did not end after the server left"
-wait "$watch_pid"
+start "$work/watch" "R-0" "$tarn" watch && stop "$sim_pid"
+timeout 5 tail -s 0.05 --pid="$bg" -f /dev/null && wait "$bg"
 [[ $? -eq 3 ]] || fail "watch did not exit with 3 after the server left"
 [[ $(cat "$work/watch.err") == "tarn: connection to the control server lost" ]] || fail "no loss"
 run 3 1000 "$tarn" kill && has_lines out "Can Not Connect Server !"

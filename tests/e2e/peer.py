@@ -21,16 +21,14 @@ CONNECT = frame(message(b"T-0", b"SV-0", 1))
 
 def outcome(sock, data=b"", seconds=3):
     sock.sendall(data)
-    got, end = b"", time.monotonic() + seconds
-    while time.monotonic() < end:
+    got, end, report = b"", time.monotonic() + seconds, text(b"R-0") + text(b"T-0") + i32(14)
+    while time.monotonic() < end and report not in got:  # the robot's status report
         if select.select([sock], [], [], 0.05)[0]:
             chunk = sock.recv(65536)
             if not chunk:
                 return "closed"
             got += chunk
-        if text(b"R-0") + text(b"T-0") + i32(14) in got:  # the robot's status report
-            return "report"
-    return "timeout"
+    return "report" if report in got else "timeout"
 
 
 def client(log, drops):  # each client must be dropped before the next one comes
