@@ -28,12 +28,12 @@ struct VerbInfo {
 };
 
 const VerbInfo kVerbs[] = {
-    {Verb::kStatus, "status", "status", "ask for a status report and print it",
+    {Verb::kStatus, "status", "status", "ask for a fresh status report and print it",
      "Asks the robot for a fresh status report, waits for it and prints it:\n"
      "name, online state (online, offline, or unknown when the control server\n"
      "does not report it), task state, position (mm), orientation (rad), velocity\n"
      "(mm/s), acceleration (mm/s^2) and battery voltage (V).\n"},
-    {Verb::kInit, "init", "init X Y Z", "initialise the robot at X Y (mm) and Z; wait until online",
+    {Verb::kInit, "init", "init X Y Z", "bring the robot online at X Y (mm) and Z; wait for it",
      "Initialises the robot at X, Y (millimetres) and Z (passed through unscaled;\n"
      "tarn-sim takes it as the initial heading in radians), then waits for the\n"
      "server's acknowledgement, which puts the robot online. The library sends a\n"
@@ -303,7 +303,8 @@ std::string HelpText(const std::string& topic) {
       "  --timeout S   end the whole invocation, connecting included, after S\n"
       "                seconds (default 10; it ends within S + 0.1 s whatever the\n"
       "                server does); watch without --count: see 'tarn help watch'\n"
-      "  --no-wait     goto, path, turn: return once the command is written\n"
+      "  --no-wait     goto, path, turn: return once the command is written; tarn-sim\n"
+      "                lets the robot finish the action after this client leaves\n"
       "  --count N     watch: stop after N status reports\n"
       "  -h, --help    this text; after a command, that command's help\n"
       "\n"
