@@ -42,11 +42,11 @@ TEST(CliParse, CommandsOptionsValuesAndHelp) {
        "accel 100 then accel 1000 then turn 3.14159274 then turn 3.141592653589793 then turn "
        "-3.14159274 then kill",
        "path 0 0 -0.5 2 10 -10; init 0 0 0; speed 300; speed 1300; speed 800; accel 100; accel "
-       "1000; turn 3.14159; turn 3.14159; turn -3.14159; kill; timeout 5 wait count 0"},
+       "1000; turn 3.14159; turn 3.14159; turn -3.14159; kill; timeout 10 wait count 0"},
       {"--timeout 2.5 goto 1 2 --no-wait", "goto 1 2; timeout 2.5 no-wait count 0"},
       {"watch --count=3 --timeout=0.25", "watch; timeout 0.25 wait count 3"},
       // watch only ends by Ctrl-C, so nothing may follow it unless it is bounded.
-      {"watch then kill --count 2", "watch; kill; timeout 5 wait count 2"},
+      {"watch then kill --count 2", "watch; kill; timeout 10 wait count 2"},
       {"watch then kill",
        "error: watch runs until interrupted: make it the last command, or give --count"},
       {"kill then", "error: 'then' must be followed by a command"},
@@ -64,12 +64,13 @@ TEST(CliParse, CommandsOptionsValuesAndHelp) {
       {"kill 1", "error: kill: expects no numbers, got 1 number"},
       {"speed", "error: speed: expects V (mm/s), got 0 numbers"},
       {"path 1 2 3", "error: path: expects pairs X Y (millimetres), got 3 numbers"},
+      {"path", "error: path: expects pairs X Y (millimetres), got 0 numbers"},
       {"status --timeout 0", timeout},
       {"status --timeout", timeout},
       {"watch --count 1.5", "error: --count needs a whole number of reports, at least 1"},
       {"speed 299", "error: speed: 299 is out of range (300 to 1300 mm/s)"},
       {"speed 1301", "error: speed: 1301 is out of range (300 to 1300 mm/s)"},
-      {"speed 800.5", "error: speed: 800.5 is not a whole number"},
+      {"speed 800.00001", "error: speed: 800.00001 is not a whole number"},
       {"accel 99", "error: accel: 99 is out of range (100 to 1000 mm/s^2)"},
       {"turn 3.1416", "error: turn: 3.1416 is out of range (-pi to pi rad)"},
       {"turn -3.1416", "error: turn: -3.1416 is out of range (-pi to pi rad)"},
@@ -84,23 +85,26 @@ TEST(CliParse, CommandsOptionsValuesAndHelp) {
 
 TEST(CliReport, ReadLikeTheLibraryAndFormattedInMillimetres) {
   tarn_cli::Report r;
-  tarn_cli::ReadReport("24.5 1.5 -0.25 0 0.7854 800 -300", "R-0", r);
-  EXPECT_EQ(tarn_cli::FormatStatus(r),
-            "robot         R-0\nstate         working\nposition      1500 -250 mm\n"
-            "orientation   0.7854 rad\nvelocity      800 mm/s\nacceleration  -300 mm/s^2\n"
-            "voltage       24.5 V\n");
-  EXPECT_EQ(tarn_cli::FormatStatusLine(r),
-            "R-0 working  at 1500 -250 mm  heading 0.7854 rad  800 mm/s  -300 mm/s^2  24.50 V");
+  tarn_cli::ReadReport("24.5 1.5 -0.25 0 0.7854 800 -300", "R-0", "online", r);
+  EXPECT_EQ(
+      tarn_cli::FormatStatus(r),
+      "robot         R-0\nonline        yes\nstate         working\nposition      1500 -250 mm\n"
+      "orientation   0.7854 rad\nvelocity      800 mm/s\nacceleration  -300 mm/s^2\n"
+      "voltage       24.5 V\n");
+  EXPECT_EQ(
+      tarn_cli::FormatStatusLine(r),
+      "R-0 online working  at 1500 -250 mm  heading 0.7854 rad  800 mm/s  -300 mm/s^2  24.50 V");
 
   // Short report: the missing items keep their values. A word where a number
   // belongs zeroes that item and leaves the rest.
-  tarn_cli::ReadReport("23 2 3 3", "R-1", r);
+  // Servers that do not report the online state leave "N": unknown.
+  tarn_cli::ReadReport("23 2 3 3", "R-1", "N", r);
   EXPECT_EQ(
       tarn_cli::FormatStatusLine(r),
       "R-1 error 3 (busy)  at 2000 3000 mm  heading 0.7854 rad  800 mm/s  -300 mm/s^2  23.00 V");
-  tarn_cli::ReadReport("23 2 3 -1 left 5 6", "R-1", r);
+  tarn_cli::ReadReport("23 2 3 -1 left 5 6", "R-1", "offline", r);
   EXPECT_EQ(tarn_cli::FormatStatusLine(r),
-            "R-1 free  at 2000 3000 mm  heading 0 rad  800 mm/s  -300 mm/s^2  23.00 V");
+            "R-1 offline free  at 2000 3000 mm  heading 0 rad  800 mm/s  -300 mm/s^2  23.00 V");
   EXPECT_EQ(tarn_cli::DescribeState(7) + ", " + tarn_cli::DescribeState(-2), "error 7, error -2");
 
   // -pi and pi are one heading.

@@ -28,42 +28,53 @@ struct VerbInfo {
 };
 
 const VerbInfo kVerbs[] = {
-    {Verb::kStatus, "status", "status", "print the robot's next status report",
-     "Waits for the robot's next status report and prints it: name, task state,\n"
-     "position (mm), orientation (rad), velocity (mm/s), acceleration (mm/s^2) and\n"
-     "battery voltage (V).\n"},
-    {Verb::kInit, "init", "init X Y Z", "initialise the robot at X Y (mm) and Z; wait until online",
+    {Verb::kStatus, "status", "status", "ask for a fresh status report and print it",
+     "Asks the robot for a fresh status report, waits for it and prints it:\n"
+     "name, online state (online, offline, or unknown when the control server\n"
+     "does not report it), task state, position (mm), orientation (rad), velocity\n"
+     "(mm/s), acceleration (mm/s^2) and battery voltage (V).\n"},
+    {Verb::kInit, "init", "init X Y Z", "bring the robot online at X Y (mm) and Z; wait for it",
      "Initialises the robot at X, Y (millimetres) and Z (passed through unscaled;\n"
-     "tarn-sim takes it as the initial heading in radians), then waits until the\n"
-     "server acknowledges and the robot is online. The library sends a kill\n"
-     "before the initialisation, so a running action is stopped.\n"},
+     "tarn-sim takes it as the initial heading in radians), then waits for the\n"
+     "server's acknowledgement, which puts the robot online. The library sends a\n"
+     "kill before the initialisation, so a running action is stopped. The robot\n"
+     "stays online after this invocation ends.\n"},
     {Verb::kGoto, "goto", "goto X Y", "drive to X Y (mm); wait until arrived",
-     "Drives the robot to X, Y (millimetres) and waits until it reports arrival.\n"
-     "Needs an online, free robot (see 'init'). With --no-wait, returns once the\n"
-     "goal is sent. While the robot moves, each sign of progress restarts the\n"
-     "--timeout wait.\n"},
+     "Drives the robot to X, Y (millimetres) and waits until it reports the action\n"
+     "finished and a status report shows it free again. Needs an online, free\n"
+     "robot (see 'init'). With --no-wait, returns once the goal is written to the\n"
+     "connection; tarn-sim then lets the robot finish the drive after this client\n"
+     "leaves (a control server that stops the robot when its client leaves would\n"
+     "not move it).\n"},
     {Verb::kPath, "path", "path X1 Y1 X2 Y2 ...", "drive along way-points (mm); wait until done",
      "Drives the robot along the way-points (pairs of millimetres, in order) and\n"
-     "waits until it reports the end of the path, printing each way-point passed.\n"
-     "Needs an online, free robot. With --no-wait, returns once the path is sent.\n"},
+     "waits until it reports the end of the path and a status report shows it\n"
+     "free, printing each way-point passed. Needs an online, free robot. With\n"
+     "--no-wait, returns once the path is written to the connection; tarn-sim\n"
+     "then lets the robot finish it after this client leaves.\n"},
     {Verb::kSpeed, "speed", "speed V", "set the velocity limit, 300 to 1300 mm/s",
-     "Sets the velocity limit to V mm/s, a whole number from 300 to 1300. Done\n"
-     "when the command has been written to the server (it sends no answer).\n"},
+     "Sets the velocity limit to V mm/s, a whole number from 300 to 1300. The\n"
+     "protocol has no answer to it: done means written to the connection, not\n"
+     "confirmed by the server.\n"},
     {Verb::kAccel, "accel", "accel A", "set the acceleration limit, 100 to 1000 mm/s^2",
-     "Sets the acceleration limit to A mm/s^2, a whole number from 100 to 1000.\n"
-     "Done when the command has been written to the server (it sends no answer).\n"},
+     "Sets the acceleration limit to A mm/s^2, a whole number from 100 to 1000. The\n"
+     "protocol has no answer to it: done means written to the connection, not\n"
+     "confirmed by the server.\n"},
     {Verb::kTurn, "turn", "turn R", "turn in place to R rad (-pi to pi); wait until turned",
      "Turns the robot in place to heading R radians, from -pi to pi (single\n"
      "precision: -3.14159274 to 3.14159274), and waits until a status report shows\n"
-     "the new heading. Needs an online, free robot. With --no-wait, returns once\n"
-     "the command is sent.\n"},
+     "the robot free at the new heading. Needs an online, free robot. With\n"
+     "--no-wait, returns once the command is written to the connection; tarn-sim\n"
+     "then lets the robot finish the turn after this client leaves.\n"},
     {Verb::kKill, "kill", "kill", "stop the robot and take it offline",
      "Stops the robot and takes it offline, then waits for the server's\n"
      "acknowledgement.\n"},
     {Verb::kWatch, "watch", "watch", "print reports and progress until Ctrl-C",
      "Prints a line for every status report and every progress event until\n"
      "interrupted with Ctrl-C (exit status 0), or until --count N reports were\n"
-     "printed. Must be the last command of an invocation unless --count is given.\n"},
+     "printed. Without --count, --timeout bounds connecting and each silence\n"
+     "between two messages instead of the whole invocation. Must be the last\n"
+     "command of an invocation unless --count is given.\n"},
 };
 
 const VerbInfo* FindVerb(const std::string& name) {
@@ -289,15 +300,18 @@ std::string HelpText(const std::string& topic) {
       "and radians.\n"
       "\n"
       "Options:\n"
-      "  --timeout S   give up after S seconds without an answer (default 5)\n"
-      "  --no-wait     goto, path, turn: return as soon as the command is sent\n"
+      "  --timeout S   end the whole invocation, connecting included, after S\n"
+      "                seconds (default 10; it ends within S + 0.1 s whatever the\n"
+      "                server does); watch without --count: see 'tarn help watch'\n"
+      "  --no-wait     goto, path, turn: return once the command is written; tarn-sim\n"
+      "                lets the robot finish the action after this client leaves\n"
       "  --count N     watch: stop after N status reports\n"
       "  -h, --help    this text; after a command, that command's help\n"
       "\n"
       "Each invocation is one connection, and commands chained with 'then' share\n"
-      "it. The robot stays online between invocations (tarn-sim keeps it so);\n"
-      "a control server that takes it offline when its client leaves needs\n"
-      "initialising and moving in one invocation:\n"
+      "it. The robot stays online between invocations, so\n"
+      "  tarn init 0 0 0; tarn goto 1500 -250; tarn kill\n"
+      "works as well as\n"
       "  tarn init 0 0 0 then goto 1500 -250 then kill\n"
       "\n"
       "The control server's address and port are compiled into the library\n"
@@ -306,8 +320,9 @@ std::string HelpText(const std::string& topic) {
       " in this build); there is no option to change them.\n"
       "\n"
       "Exit status: 0 done; 2 bad arguments or a value out of range; 3 server\n"
-      "unreachable or connection lost; 4 no answer in time; 5 robot not online,\n"
-      "busy or refusing; 1 any other failure.\n";
+      "unreachable or connection lost; 4 no answer in time (connecting included);\n"
+      "5 robot not online, busy or refusing; 130 interrupted (SIGINT, SIGTERM);\n"
+      "1 any other failure, such as unreadable data from the server.\n";
   return text;
 }
 
@@ -330,16 +345,23 @@ std::string DescribeState(int state) {
   }
 }
 
-void ReadReport(const std::string& text, const std::string& name, Report& report) {
+void ReadReport(const std::string& text, const std::string& name, const std::string& online,
+                Report& report) {
   std::istringstream in(text);
   in >> report.voltage >> report.x >> report.y >> report.state >> report.orientation >>
       report.velocity >> report.acceleration;
   report.name = name;
+  report.online = online == "online" || online == "offline" ? online : "unknown";
 }
 
 std::string FormatStatus(const Report& r) {
   std::ostringstream out;
   out << "robot         " << r.name << "\n"
+      << "online        "
+      << (r.online == "online"    ? "yes"
+          : r.online == "offline" ? "no"
+                                  : "unknown")
+      << "\n"
       << "state         " << DescribeState(r.state) << "\n"
       << "position      " << r.x * 1000.0 << " " << r.y * 1000.0 << " mm\n"
       << "orientation   " << r.orientation << " rad\n"
@@ -351,9 +373,10 @@ std::string FormatStatus(const Report& r) {
 
 std::string FormatStatusLine(const Report& r) {
   std::ostringstream out;
-  out << r.name << " " << DescribeState(r.state) << "  at " << r.x * 1000.0 << " " << r.y * 1000.0
-      << " mm  heading " << r.orientation << " rad  " << r.velocity << " mm/s  " << r.acceleration
-      << " mm/s^2  " << std::fixed << std::setprecision(2) << r.voltage << " V";
+  out << r.name << " " << (r.online == "unknown" ? "" : r.online + " ") << DescribeState(r.state)
+      << "  at " << r.x * 1000.0 << " " << r.y * 1000.0 << " mm  heading " << r.orientation
+      << " rad  " << r.velocity << " mm/s  " << r.acceleration << " mm/s^2  " << std::fixed
+      << std::setprecision(2) << r.voltage << " V";
   return out.str();
 }
 

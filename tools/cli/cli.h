@@ -12,11 +12,12 @@ namespace tarn_cli {
 // Exit statuses, documented in the tool's help.
 enum ExitStatus : int {
   kOk = 0,
-  kFailure = 1,      // unexpected failure (a malformed frame from the server...)
-  kUsage = 2,        // bad command line or a value out of range
-  kUnreachable = 3,  // cannot connect, or the connection was lost
-  kTimeout = 4,      // no acknowledgement or report in time
-  kRefused = 5,      // robot not online, busy, or in an error state
+  kFailure = 1,        // unexpected failure (a malformed frame from the server...)
+  kUsage = 2,          // bad command line or a value out of range
+  kUnreachable = 3,    // cannot connect, or the connection was lost
+  kTimeout = 4,        // no acknowledgement or report in time
+  kRefused = 5,        // robot not online, busy, or in an error state
+  kInterrupted = 130,  // SIGINT or SIGTERM (a watch ended by Ctrl-C exits 0)
 };
 
 enum class Verb { kStatus, kInit, kGoto, kPath, kSpeed, kAccel, kTurn, kKill, kWatch };
@@ -29,7 +30,7 @@ struct Command {
 
 struct Invocation {
   std::vector<Command> commands;  // run in order on one connection
-  double timeout_s = 5;           // bound of every wait
+  double timeout_s = 10;          // bound of the whole invocation, connecting included
   bool wait = true;               // false: goto/path/turn return once sent
   long count = 0;                 // watch: stop after this many reports (0: until Ctrl-C)
   bool help = false;              // print help_topic's text and exit 0
@@ -64,9 +65,13 @@ struct Report {
   float velocity = 0;      // mm/s
   float acceleration = 0;  // mm/s^2
   std::string name;
+  std::string online = "unknown";  // "online", "offline", or "unknown" when not reported
 };
-// Updates `report` from a status text and the robot's name.
-void ReadReport(const std::string& text, const std::string& name, Report& report);
+// Updates `report` from a status report's three texts: the numbers, the
+// robot's name and its online state. Control servers that do not report the
+// online state leave the third text "N", shown as unknown.
+void ReadReport(const std::string& text, const std::string& name, const std::string& online,
+                Report& report);
 
 // The multi-line block printed by `tarn status` (positions in millimetres).
 std::string FormatStatus(const Report& report);

@@ -1,9 +1,11 @@
 // tarn: command the robot from a shell, one command (or a chain of commands)
 // per invocation, each confirmed by what the server or the robot sends back.
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <time.h>
+#include <sys/time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -28,19 +30,56 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using tarn_cli::Verb;
 
-volatile std::sig_atomic_t g_interrupted = 0;
-// Set while `watch` runs: Ctrl-C is how a watch is meant to end.
+// Set while an unbounded `watch` runs: Ctrl-C is how it is meant to end.
 volatile std::sig_atomic_t g_watching = 0;
+// What the invocation timer prints when it fires. It points into a string
+// that the Session keeps alive for the whole invocation; a handler cannot
+// build text.
+const char* volatile g_timeout_text = "tarn: no answer in time\n";
 
-void OnInterrupt(int) {
-  g_interrupted = 1;
+void WriteAll(const char* text) {
+  std::size_t n = 0;
+  while (text[n] != '\0') ++n;
+  while (n > 0) {
+    const ssize_t w = ::write(STDERR_FILENO, text, n);
+    if (w <= 0) return;
+    text += w;
+    n -= static_cast<std::size_t>(w);
+  }
+}
+
+// The library may be anywhere when a deadline or a signal strikes: blocked in
+// its connect attempts, or kept in its drain loop by a server that never
+// stops sending. Neither returns to this tool's loop, so both handlers end
+// the process themselves. Every line already printed has been flushed (each
+// ends with std::endl or std::flush), and the kernel closes the connection.
+void OnTimer(int) {
+  WriteAll(g_timeout_text);
+  ::_exit(tarn_cli::kTimeout);
+}
+
+void OnStop(int sig) {
+  if (sig == SIGINT && g_watching) ::_exit(tarn_cli::kOk);
+  WriteAll("tarn: interrupted\n");
+  ::_exit(tarn_cli::kInterrupted);
+}
+
+// Arms the process's one-shot real-time timer to fire at `at`; a time already
+// past fires at once. `at` == time_point::max() disarms it.
+void ArmTimer(Clock::time_point at) {
+  itimerval t{};
+  if (at != Clock::time_point::max()) {
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(at - Clock::now());
+    const long long us = std::max<long long>(left.count(), 1);
+    t.it_value.tv_sec = static_cast<time_t>(us / 1000000);
+    t.it_value.tv_usec = static_cast<suseconds_t>(us % 1000000);
+  }
+  ::setitimer(ITIMER_REAL, &t, nullptr);
 }
 
 // The library queues everything it sends under its own node id.
 const char* const kOwnNodeId = "T-0";
-// Pause between service steps: quick enough for a human, far from spinning.
-constexpr long kStepNanos = 5 * 1000 * 1000;
-// A flood of frames must not keep one step from ever ending.
+// A flood of frames must not keep this tool's own read from ever ending.
 constexpr int kMaxFramesPerStep = 1000;
 
 // Ends the invocation with an exit status and a message for standard error.
@@ -55,12 +94,12 @@ std::string Num(double v) {
   return out.str();
 }
 
-// What a wait makes of one arrived message.
-enum class Seen { kNothing, kProgress, kDone };
-
 class Session {
  public:
-  Session(Robot& robot, double timeout_s) : robot_(robot), timeout_s_(timeout_s) {}
+  // `deadline` ends the whole invocation; `renew` > 0 makes every arrived
+  // message push it to that many seconds ahead (an unbounded watch).
+  Session(Robot& robot, double timeout_s, Clock::time_point deadline, double renew)
+      : robot_(robot), timeout_s_(timeout_s), deadline_(deadline), renew_s_(renew) {}
 
   // One service step. The frames that have arrived are filed into the
   // mailbox first, so that each message can be looked at in arrival order;
@@ -85,32 +124,34 @@ class Session {
     robot_.Handle();
     for (const Message_RTS& m : arrived) {
       if (m.key == KEY_DETAIL) {
-        tarn_cli::ReadReport(m.text_param1, m.text_param2, report_);
+        tarn_cli::ReadReport(m.text_param1, m.text_param2, m.text_param3, report_);
         have_report_ = true;
       }
     }
     if (!robot_.connected)
       throw Stop{tarn_cli::kUnreachable, "connection to the control server lost"};
+    if (renew_s_ > 0 && !arrived.empty()) {
+      deadline_ = After(renew_s_);
+      ArmTimer(deadline_);
+    }
     return arrived;
   }
 
-  // Judges arrived messages in order until `judge` says done, stepping when
-  // it has seen them all. Messages behind the one that ended a wait are kept
-  // for the next wait, so a chained command sees everything in order. Every
-  // sign of progress restarts the timeout, so a long drive is not cut short
-  // while the robot moves.
-  void Await(const std::string& what, const std::function<Seen(const Message_RTS&)>& judge) {
-    Clock::time_point deadline = Deadline();
+  // Judges arrived messages in order until `judge` says done, sleeping in
+  // poll() until the connection has something for us (or can take what is
+  // queued). Messages behind the one that ended a wait are kept for the next
+  // wait, so a chained command sees everything in order.
+  void Await(const std::string& what, const std::function<bool(const Message_RTS&)>& done) {
+    Expect(what);
     for (;;) {
       while (!unjudged_.empty()) {
         const Message_RTS m = unjudged_.front();
         unjudged_.pop_front();
-        if (m.key == KEY_DETAIL) tarn_cli::ReadReport(m.text_param1, m.text_param2, current_);
-        const Seen seen = judge(m);
-        if (seen == Seen::kDone) return;
-        if (seen == Seen::kProgress) deadline = Deadline();
+        if (m.key == KEY_DETAIL)
+          tarn_cli::ReadReport(m.text_param1, m.text_param2, m.text_param3, current_);
+        if (done(m)) return;
       }
-      Pause(deadline, what);
+      WaitForIo();
       std::vector<Message_RTS> arrived = Step();
       unjudged_.insert(unjudged_.end(), arrived.begin(), arrived.end());
     }
@@ -118,12 +159,12 @@ class Session {
 
   // Steps until every queued command has been written to the connection.
   void Flush() {
-    const Clock::time_point deadline = Deadline();
+    Expect("chance to send the command");
     for (;;) {
       std::vector<Message_RTS> arrived = Step();
       unjudged_.insert(unjudged_.end(), arrived.begin(), arrived.end());
-      if (Flushed()) return;
-      Pause(deadline, "chance to send the command");
+      if (!Pending()) return;
+      WaitForIo();
     }
   }
 
@@ -140,118 +181,131 @@ class Session {
   // Ends the connection so that the last commands are not lost: closing a
   // socket that still holds unread data makes the kernel reset the
   // connection, and a reset can overtake data the server has not read yet.
-  // Half-close, then read until the server closes too (or briefly, if not).
+  // Half-close, then read until the server closes too (or briefly, if not;
+  // never past the invocation's deadline).
   void Linger() {
+    ArmTimer(Clock::time_point::max());
     if (!robot_.connected || m_socket.m_sock < 0) return;
     if (::shutdown(m_socket.m_sock, SHUT_WR) != 0) return;
-    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(300);
+    const Clock::time_point end =
+        std::min(deadline_, Clock::now() + std::chrono::milliseconds(300));
     char sink[4096];
-    while (Clock::now() < end) {
+    for (Clock::time_point now = Clock::now(); now < end; now = Clock::now()) {
       const ssize_t n = ::recv(m_socket.m_sock, sink, sizeof sink, 0);
       if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) return;
-      if (n < 0) Sleep();
+      if (n > 0) continue;
+      pollfd p{m_socket.m_sock, POLLIN, 0};
+      ::poll(&p, 1, MillisUntil(end));
     }
   }
 
  private:
-  Clock::time_point Deadline() const {
+  static Clock::time_point After(double seconds) {
     return Clock::now() +
-           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout_s_));
+           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
   }
 
-  static void Sleep() {
-    const timespec pause = {0, kStepNanos};
-    nanosleep(&pause, nullptr);
+  static int MillisUntil(Clock::time_point t) {
+    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(t - Clock::now()).count();
+    if (us <= 0) return 0;
+    return static_cast<int>(std::min<long long>((us + 999) / 1000, 1 << 30));
   }
 
-  void Pause(Clock::time_point deadline, const std::string& what) const {
-    if (g_interrupted) throw Stop{130, "interrupted"};
-    if (Clock::now() >= deadline) {
-      throw Stop{tarn_cli::kTimeout, "no " + what + " within " + Num(timeout_s_) + " s"};
+  // Names what the current wait is for, in the main loop's timeout message
+  // and in the timer's (which fires if the library keeps us from looking).
+  void Expect(const std::string& what) {
+    timeout_texts_.push_back("tarn: no " + what + " within " + Num(timeout_s_) + " s\n");
+    g_timeout_text = timeout_texts_.back().c_str();
+  }
+
+  // Sleeps until the connection is readable, or writable while a command
+  // waits to go out, or the deadline comes. A descriptor the library has
+  // closed is never polled: Step stops the invocation first.
+  void WaitForIo() const {
+    if (Clock::now() >= deadline_) {
+      const std::string& text = timeout_texts_.back();
+      throw Stop{tarn_cli::kTimeout, text.substr(6, text.size() - 7)};
     }
-    Sleep();
+    pollfd p{m_socket.m_sock, static_cast<short>(POLLIN | (Pending() ? POLLOUT : 0)), 0};
+    ::poll(&p, 1, MillisUntil(deadline_));
   }
 
-  static bool Flushed() {
+  // Whether the outbox still holds a message that Handle has not sent.
+  static bool Pending() {
     auto it = m_msg.outbox.find(kOwnNodeId);
-    if (it == m_msg.outbox.end()) return true;
+    if (it == m_msg.outbox.end()) return false;
     for (const Message_RTS& m : it->second) {
-      if (m.key != KEY_NONE) return false;
+      if (m.key != KEY_NONE) return true;
     }
-    return true;
+    return false;
   }
 
   Robot& robot_;
   double timeout_s_;
+  Clock::time_point deadline_;
+  double renew_s_;
+  std::deque<std::string> timeout_texts_;  // never shrinks: g_timeout_text points into it
   tarn_cli::Report report_;
   tarn_cli::Report current_;
   bool have_report_ = false;
   std::deque<Message_RTS> unjudged_;
 };
 
-void WaitForReport(Session& s) {
-  s.Await("status report",
-          [](const Message_RTS& m) { return m.key == KEY_DETAIL ? Seen::kDone : Seen::kNothing; });
+// Asks for a fresh report and waits for it, so that a server that sends no
+// periodic reports still answers. The library's request needs its online
+// flag, which it sets only when it sees an initialisation acknowledged in
+// this process: a fresh invocation never has, although the robot may have
+// been online for hours. The server is the authority: it answers the request
+// whatever the robot's state, and refuses what an offline robot cannot do.
+void RequestReport(Session& s, Robot& robot) {
+  robot.online = true;
+  robot.GetDetial();
+  s.Forget();
+  s.Await("status report", [](const Message_RTS& m) { return m.key == KEY_DETAIL; });
 }
 
-// Orientation and motion commands need a free robot. The library also needs
-// its online flag, which it sets only when it sees an initialisation being
-// acknowledged: a fresh invocation never does, even when the robot has been
-// online for hours. The server is the authority here: it refuses a command
-// for a robot that is not online, and the wait below reports that refusal.
+const char* const kInitHint = "; bring it online first: tarn init X Y Z";
+
+// Orientation and motion commands need a free robot: ask, and refuse here
+// with a precise reason rather than leave it to the server. The library's
+// guard wants the online flag, set by RequestReport.
 void RequireFree(Session& s, Robot& robot) {
-  if (!s.have_report()) WaitForReport(s);
-  const int state = s.latest().state;
-  if (state == 0)
+  RequestReport(s, robot);
+  const tarn_cli::Report& r = s.current();
+  if (r.online == "offline")
+    throw Stop{tarn_cli::kRefused, std::string("robot is not online") + kInitHint};
+  if (r.state == 0)
     throw Stop{tarn_cli::kRefused, "robot is busy (working); wait or run 'tarn kill'"};
-  if (state != -1) {
-    throw Stop{tarn_cli::kRefused, "robot is in state " + tarn_cli::DescribeState(state) +
+  if (r.state != -1) {
+    throw Stop{tarn_cli::kRefused, "robot is in state " + tarn_cli::DescribeState(r.state) +
                                        "; 'tarn init X Y Z' clears it"};
   }
-  robot.online = true;
   s.Forget();
 }
 
 Stop Refusal(int state) {
-  std::string hint;
-  if (state == 2) hint = "; initialise it in the same invocation: tarn init X Y Z then ...";
-  return Stop{tarn_cli::kRefused,
-              "robot refused the command: " + tarn_cli::DescribeState(state) + hint};
+  return Stop{tarn_cli::kRefused, "robot refused the command: " + tarn_cli::DescribeState(state) +
+                                      (state == 2 ? kInitHint : "")};
 }
 
-// Waits for the robot to finish the action just sent: progress reports
-// restart the wait; an "action" report followed by a free state ends it, and
-// an error state means the robot refused. A refused action is also closed
-// with an "action" report, which is why the state decides and not that
-// report alone.
+// Waits for the robot to finish the action just sent: an "action" report
+// followed by a free state ends it, and an error state means the robot
+// refused. A refused action is also closed with an "action" report, which is
+// why the state decides and not that report alone.
 void AwaitAction(Session& s, std::size_t points) {
   bool closed = false;
   std::size_t passed = 0;
-  bool have_position = false;
-  float last_x = 0;
-  float last_y = 0;
-  float last_heading = 0;
-  s.Await("progress report", [&](const Message_RTS& m) {
+  s.Await("report of the action finished", [&](const Message_RTS& m) {
     if (m.key == KEY_ACTION && m.text_param1 == "path") {
       ++passed;
       std::cout << "passed way-point " << passed << " of " << points << std::endl;
-      return Seen::kProgress;
+      return false;
     }
-    if (m.key == KEY_ACTION && m.text_param1 == "action") {
-      closed = true;
-      return Seen::kProgress;
-    }
-    if (m.key != KEY_DETAIL) return Seen::kNothing;
+    if (m.key == KEY_ACTION && m.text_param1 == "action") closed = true;
+    if (m.key != KEY_DETAIL) return false;
     const tarn_cli::Report& r = s.current();
     if (r.state != -1 && r.state != 0) throw Refusal(r.state);
-    if (closed && r.state == -1) return Seen::kDone;
-    const bool moved =
-        have_position && (r.x != last_x || r.y != last_y || r.orientation != last_heading);
-    have_position = true;
-    last_x = r.x;
-    last_y = r.y;
-    last_heading = r.orientation;
-    return moved ? Seen::kProgress : Seen::kNothing;
+    return closed && r.state == -1;
   });
 }
 
@@ -260,24 +314,22 @@ void RunCommand(const tarn_cli::Invocation& inv, const tarn_cli::Command& c, Ses
   const std::vector<float>& n = c.numbers;
   switch (c.verb) {
     case Verb::kStatus:
-      WaitForReport(s);
-      std::cout << tarn_cli::FormatStatus(s.latest()) << std::flush;
+      RequestReport(s, robot);
+      std::cout << tarn_cli::FormatStatus(s.current()) << std::flush;
       return;
 
     case Verb::kInit:
       robot.Init(n[0], n[1], n[2]);
-      s.Await("acknowledgement of the initialisation", [](const Message_RTS& m) {
-        return m.key == KEY_INIT ? Seen::kDone : Seen::kNothing;
-      });
+      s.Await("acknowledgement of the initialisation",
+              [](const Message_RTS& m) { return m.key == KEY_INIT; });
       std::cout << "robot online at " << Num(n[0]) << " " << Num(n[1]) << " mm, z " << Num(n[2])
                 << std::endl;
       return;
 
     case Verb::kKill:
       robot.Kill();
-      s.Await("acknowledgement of the kill", [](const Message_RTS& m) {
-        return m.key == KEY_KILL ? Seen::kDone : Seen::kNothing;
-      });
+      s.Await("acknowledgement of the kill",
+              [](const Message_RTS& m) { return m.key == KEY_KILL; });
       std::cout << "robot offline" << std::endl;
       return;
 
@@ -340,11 +392,10 @@ void RunCommand(const tarn_cli::Invocation& inv, const tarn_cli::Command& c, Ses
       }
       // Reports carry the heading to four decimals.
       s.Await("report of the new heading", [&](const Message_RTS& m) {
-        if (m.key != KEY_DETAIL) return Seen::kNothing;
+        if (m.key != KEY_DETAIL) return false;
         const tarn_cli::Report& rep = s.current();
         if (rep.state != -1 && rep.state != 0) throw Refusal(rep.state);
-        if (rep.state == -1 && tarn_cli::SameHeading(rep.orientation, r, 1e-3)) return Seen::kDone;
-        return rep.state == 0 ? Seen::kProgress : Seen::kNothing;
+        return rep.state == -1 && tarn_cli::SameHeading(rep.orientation, r, 1e-3);
       });
       std::cout << "heading " << Num(r) << " rad reached" << std::endl;
       return;
@@ -352,10 +403,8 @@ void RunCommand(const tarn_cli::Invocation& inv, const tarn_cli::Command& c, Ses
 
     case Verb::kWatch: {
       long reports = 0;
-      g_watching = 1;
-      // Every message restarts the timeout: only a silent server ends the
-      // watch with an error.
-      s.Await("status report", [&](const Message_RTS& m) {
+      g_watching = inv.count == 0;
+      s.Await("message from the control server", [&](const Message_RTS& m) {
         if (m.key == KEY_DETAIL) {
           std::cout << tarn_cli::FormatStatusLine(s.current()) << std::endl;
           ++reports;
@@ -368,7 +417,7 @@ void RunCommand(const tarn_cli::Invocation& inv, const tarn_cli::Command& c, Ses
         } else if (m.key == KEY_KILL) {
           std::cout << "robot offline" << std::endl;
         }
-        return inv.count > 0 && reports >= inv.count ? Seen::kDone : Seen::kProgress;
+        return inv.count > 0 && reports >= inv.count;
       });
       g_watching = 0;
       return;
@@ -377,13 +426,24 @@ void RunCommand(const tarn_cli::Invocation& inv, const tarn_cli::Command& c, Ses
 }
 
 int Run(const tarn_cli::Invocation& inv) {
+  // An unbounded watch runs until Ctrl-C: its timeout bounds connecting and
+  // each silence of the server, not the whole invocation.
+  const bool endless = inv.count == 0 && inv.commands.back().verb == Verb::kWatch;
+  const Clock::time_point deadline =
+      Clock::now() +
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(inv.timeout_s));
+  const std::string server = TARN_SERVER_ADDRESS ":" + std::to_string(TARN_SERVER_PORT);
+  static const std::string connect_text = "tarn: could not connect to the control server at " +
+                                          server + " within " + Num(inv.timeout_s) + " s\n";
+  g_timeout_text = connect_text.c_str();
+  // The library's connect blocks (and retries) without a bound of its own:
+  // the timer is what keeps the promise of --timeout while it does.
+  ArmTimer(deadline);
   Robot robot;  // on failure the library itself prints "Can Not Connect Server !"
   if (!robot.connected) {
-    throw Stop{tarn_cli::kUnreachable, "cannot reach the control server at " TARN_SERVER_ADDRESS
-                                       ":" +
-                                           std::to_string(TARN_SERVER_PORT)};
+    throw Stop{tarn_cli::kUnreachable, "cannot reach the control server at " + server};
   }
-  Session session(robot, inv.timeout_s);
+  Session session(robot, inv.timeout_s, deadline, endless ? inv.timeout_s : 0);
   for (const tarn_cli::Command& c : inv.commands) RunCommand(inv, c, session, robot);
   session.Linger();
   return tarn_cli::kOk;
@@ -403,22 +463,25 @@ int main(int argc, char** argv) {
     return tarn_cli::kOk;
   }
 
-  // No SA_RESTART: Ctrl-C also cuts a pause short.
   struct sigaction action;
   std::memset(&action, 0, sizeof action);
-  action.sa_handler = OnInterrupt;
   sigemptyset(&action.sa_mask);
+  action.sa_handler = OnStop;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+  action.sa_handler = OnTimer;
+  sigaction(SIGALRM, &action, nullptr);
 
   try {
     return Run(parsed.invocation);
   } catch (const Stop& stop) {
-    if (stop.status == 130 && g_watching) return tarn_cli::kOk;
+    ArmTimer(Clock::time_point::max());
     std::cerr << "tarn: " << stop.message << std::endl;
     return stop.status;
   } catch (const std::exception& e) {
-    // The receive path passes malformed input on as standard exceptions.
+    // The receive path passes malformed input on as standard exceptions
+    // (out of range, length error, allocation failure).
+    ArmTimer(Clock::time_point::max());
     std::cerr << "tarn: unreadable data from the control server (" << e.what() << ")" << std::endl;
     return tarn_cli::kFailure;
   }

@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# tarn-sim and tarn-demo as separate processes on 127.0.0.1:6868: the demo's
+# mission and its exit codes when its server dies or sends garbage, and the
+# simulator facing broken, stuck and competing clients.
+#   e2e.sh <tarn-sim> <tarn-demo> <python3> <work dir>
+set -uo pipefail
+sim=$1 demo=$2 python=$3 work=$4 peer=$(dirname "$0")/peer.py
+rm -rf "$work" && mkdir -p "$work"
+source "$(dirname "$0")/lib.sh"
+
+start_sim
+start "$work/demo" "way-point 1/4 reached" "$demo"
+{ kill -9 "$sim_pid" && wait "$sim_pid"; } 2>/dev/null
+wait "$bg"
+[[ $? -eq 4 ]] || fail "demo did not exit with 4 when its server died"
+[[ $(cat "$work/demo.err") == "tarn-demo: connection to the control server lost" ]] || fail "loss"
+
+# A fresh simulator on the same port: a full mission, both directions logged.
+start_sim
+run 0 40000 "$demo" --plot "$work/mission.svg"
+has_lines out "  way-points       5 passed" "  final state      R-0 Free Offline"
+[[ $(tail -n 1 "$work/out") == "tarn-demo: mission complete" && ! -s $work/err ]] || fail "end"
+grep -q "<polyline" "$work/mission.svg" || fail "no trajectory in the plot"
+in_log "recv T-0 -> SV-0 KEY_SET_PARAM int=1000 \"Speed\"" \
+  "send R-0 -> T-0 KEY_ACTION int=1 \"path\" \"3\"" "client dropped: client closed the connection"
+
+# The port is taken: a second simulator says so.
+run 1 5000 "$sim" && has_lines err "tarn-sim: cannot listen on 127.0.0.1:6868: Server Could not bind to port."
+# One client holds the robot while a second is closed at once; then broken
+# clients one after another (see peer.py), each dropped before the next.
+run 0 40000 "$python" "$peer" sessions "$work/sim.log"
+[[ $(echo $(cat "$work/out")) == "report closed report report closed closed closed report" ]] ||
+  fail "client sessions"
+in_log "refused a second client" "malformed input: discarded" \
+  "client dropped: no message readable from" "client dropped: malformed input ("
+kill -INT "$sim_pid" && wait "$sim_pid" && in_log "] stopped" || fail "no clean stop on SIGINT"
+
+# A length word of -10: the library throws, the demo names it and exits 6.
+start "$work/peer" ready "$python" "$peer" badlen
+run 6 2000 "$demo"
+grep -q "^tarn-demo: unreadable data from the control server (.*)$" "$work/err" || fail "badlen"
+
+echo "end to end: ok"
