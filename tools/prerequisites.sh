@@ -12,7 +12,7 @@ TARN_TEST_PACKAGES=(
   googletest libgtest-dev libgmock-dev          # the unit suites
   clang libclang-rt-14-dev                      # libFuzzer targets, their smoke runs
   valgrind                                      # the demo under memcheck
-  pybind11-dev python3-dev python3-pytest       # the Python module and its tests
+  python3 pybind11-dev python3-dev python3-pytest  # end-to-end peers; the Python module, its tests
   tshark                                        # the dissector's test
   dpkg-dev file binutils                        # Debian packages: shlibdeps, unpacking; nm, readelf
   libmosquitto-dev mosquitto mosquitto-clients  # the VDA 5050 bridge, its broker
