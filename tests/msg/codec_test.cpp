@@ -1,16 +1,76 @@
+// Records and their codec through the public interface: exact bytes, the
+// text-to-code rule, and what the lenient decoders leave behind.
+
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstdio>
+#include <cstring>
 #include <deque>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
-#include "support.h"
+#include "msg/msg.h"
+#include "tests/support/wire.h"
+
+using wire::hex;
+
+namespace {
+
+std::int32_t i32_at(const std::string& s, std::size_t at) {
+  std::int32_t v;
+  std::memcpy(&v, s.data() + at, 4);
+  return v;
+}
+
+std::string with_i32(std::string s, std::size_t at, std::int32_t v) {
+  return s.replace(at, 4, wire::Bytes().i32(v).s);
+}
+
+// The velocity request: 52 bytes, opening '%' at 46, count at 47, closing '%'
+// at 51; an action body added to it starts at 51.
+Message_RTS set_speed() {
+  Message_RTS m;
+  m.sender_id = "T-0";
+  m.receiver_id = "SV-0";
+  m.key = KEY_SET_PARAM;
+  m.int_param = 800;
+  m.text_param1 = "Speed";
+  return m;
+}
+
+QrInfo_RTS waypoint(const std::string& code, float z = 0) {
+  QrInfo_RTS w(code, 1.0f, 2.0f, SPACE_DEFAULT, 1);
+  w.z = z;
+  return w;
+}
+
+// Two actions, one with a path and an arc path, one with a NUL in its param.
+Message_RTS with_two_actions() {
+  Message_RTS m = set_speed();
+  Action_RTS a(1, std::deque<QrInfo_RTS>{waypoint("3", 5), waypoint("-4")});
+  a.arc_path.resize(1);
+  a.arc_path[0].qr_code = "8";
+  a.arc_path[0].arc_param2 = 0.5f;
+  m.actions = {a, Action_RTS(2, waypoint("x"), std::string("p\0q", 3))};
+  return m;
+}
 
 // An action whose every field differs from what a decode would write.
-static Action_RTS blank() {
+Action_RTS blank() {
   return Action_RTS(0, QrInfo_RTS(), "f");
+}
+
+}  // namespace
+
+TEST(Records, DefaultsAndWayPointsCompareByLabelAlone) {
+  const QrInfo_RTS d;
+  EXPECT_EQ(d.qr_code + std::to_string(d.x + d.y + d.z) + std::to_string(d.flag), "N0.000000-1");
+  EXPECT_EQ(d.space_type, SPACE_DEFAULT);
+  const QrInfo_RTS a("7", 1, 2, SPACE_DEFAULT, 1), b("7", 5, 6, static_cast<Space_type>(3), -1);
+  EXPECT_TRUE(a == b && !(a != b));
+  EXPECT_TRUE(a != QrInfo_RTS("07", 1, 2, SPACE_DEFAULT, 1) && !(a == QrInfo_RTS()));
 }
 
 TEST(Encoding, KnownByteSequences) {
@@ -35,13 +95,19 @@ TEST(Encoding, KnownByteSequences) {
 
 TEST(Encoding, CodesAreIntegersAndBlankLabelsRepeatThePreviousCode) {
   std::deque<QrInfo_RTS> path;
-  for (const char* code : {"N", " -4", "", " \t", "007", "2147483648", "-99999999999", "9"})
+  // Read as a stream reads an int: blanks skipped, a sign, digits up to the
+  // first other byte, clamped to 32 bits; no number gives 0; a blank label
+  // leaves the previous code.
+  for (const char* code :
+       {"N", " -4", "", " \t\n\v\f\r", "007", "+5", "+-5", "7.9", "2147483647", "2147483648",
+        "18446744073709551616", "-2147483648", "-99999999999", "9"})
     path.push_back(waypoint(code));
   Action_RTS a(1, path);
   a.arc_path.resize(1);
   a.arc_path[0].qr_code = "";
   const std::string body = a.str();
-  const std::int32_t want[] = {0, -4, -4, -4, 7, INT32_MAX, INT32_MIN, 9};
+  const std::int32_t want[] = {0, -4,        -4,        -4,        7,         5,         0,
+                               7, INT32_MAX, INT32_MAX, INT32_MAX, INT32_MIN, INT32_MIN, 9};
   for (std::size_t i = 0; i < path.size(); ++i) EXPECT_EQ(i32_at(body, 8 + 24 * i), want[i]) << i;
   EXPECT_EQ(i32_at(body, 12 + 24 * path.size()), 9);  // the arc path continues the path's code
   // Each action starts afresh: a blank first label writes 0.

@@ -1,8 +1,9 @@
-// The endpoint on loopback: what it prints, how it fails, and the descriptor
-// handling the receive path and the Robot rely on.
+// The endpoint on loopback: what it prints, how it fails, its retry counts and
+// the descriptor modes the receive path and the Robot rely on.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
 #include <cerrno>
 #include <memory>
@@ -11,6 +12,10 @@
 #include "tests/support/peer.h"
 
 namespace {
+
+// Counted by the interposed connect below; the next `refusals` attempts
+// fail as refused.
+int refusals = 0, attempts = 0;
 
 bool non_blocking(int fd) {
   return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
@@ -30,8 +35,21 @@ std::string Thrown(F f) {
 
 }  // namespace
 
+// Exported from the executable, so it takes the C library's place for the
+// shared library's calls too.
+extern "C" __attribute__((visibility("default"))) int connect(int fd, const sockaddr* addr,
+                                                              socklen_t len) {
+  ++attempts;
+  if (refusals > 0) {
+    --refusals;
+    errno = ECONNREFUSED;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_connect, fd, addr, len));
+}
+
 TEST(Socket, ServerAndClientExchangeBytesAndAnnounce) {
-  const int port = loopback::free_port();
+  const int port = loopback::Peer().port();
   Socket server, client;
   testing::internal::CaptureStdout();
   server.Server_init("127.0.0.1", port);
@@ -46,6 +64,9 @@ TEST(Socket, ServerAndClientExchangeBytesAndAnnounce) {
             "Server started success, listen at 127.0.0.1:" + std::to_string(port) +
                 "\n127.0.0.1:" + std::to_string(ntohs(local.sin_port)) + " connect\n");
   EXPECT_TRUE(non_blocking(server.m_sock) && non_blocking(client.m_sock));
+  EXPECT_GE(client.Set_non_blocking(false), 0);
+  EXPECT_FALSE(non_blocking(client.m_sock));
+  EXPECT_GE(client.Set_non_blocking(true), 0);
 
   auto peer = std::make_unique<Socket>();
   EXPECT_GE(peer->Get(fd), 0);
@@ -66,19 +87,32 @@ TEST(Socket, ServerAndClientExchangeBytesAndAnnounce) {
   EXPECT_EQ(loopback::wait_for([&] { return client.Send("x") ? -1 : 0; }), 0);
 }
 
-TEST(Socket, InitFailuresThrowKeepTheDescriptorAndPrintNothing) {
-  const int port = loopback::free_port();
-  loopback::Peer busy;
-  Socket client, server;
+TEST(Socket, ClientsRetryImmediatelyThenThrowKeepingTheDescriptor) {
+  loopback::Peer listener, busy;
+  const int closed_port = loopback::Peer().port();
+  // Client_init makes three attempts, the connecting constructor 101; both
+  // leave a connection non-blocking.
+  for (int refused : {2, 3}) {
+    Socket client;
+    refusals = refused, attempts = 0;
+    const std::string thrown = Thrown([&] { client.Client_init("127.0.0.1", listener.port()); });
+    EXPECT_EQ(thrown, refused < 3 ? "(nothing thrown)" : "Client Could not bind to port.");
+    EXPECT_EQ(attempts, 3);
+    EXPECT_TRUE(is_open(client.m_sock));
+    EXPECT_EQ(non_blocking(client.m_sock), refused < 3);
+  }
+  refusals = 100, attempts = 0;
+  EXPECT_TRUE(non_blocking(Socket("127.0.0.1", listener.port()).m_sock));
+  EXPECT_EQ(attempts, 101);
+  refusals = 0, attempts = 0;
+  EXPECT_EQ(Thrown([&] { Socket s("127.0.0.1", closed_port); }), "Could not bind to port.");
+  EXPECT_EQ(attempts, 101);
+  Socket server;
   testing::internal::CaptureStdout();
-  EXPECT_EQ(Thrown([&] { client.Client_init("127.0.0.1", port); }),
-            "Client Could not bind to port.");
-  EXPECT_EQ(Thrown([&] { Socket s("127.0.0.1", port); }), "Could not bind to port.");
-  EXPECT_EQ(Thrown([&] { server.Server_init("127.0.0.1", busy.port()); }),
-            "Server Could not bind to port.");
+  const std::string thrown = Thrown([&] { server.Server_init("127.0.0.1", busy.port()); });
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  EXPECT_TRUE(is_open(client.m_sock) && is_open(server.m_sock));
-  EXPECT_FALSE(non_blocking(client.m_sock));
+  EXPECT_EQ(thrown, "Server Could not bind to port.");
+  EXPECT_TRUE(is_open(server.m_sock));
 }
 
 TEST(Socket, ConnectQuirksAndAdoption) {
@@ -87,15 +121,14 @@ TEST(Socket, ConnectQuirksAndAdoption) {
   EXPECT_EQ(none.m_addr.sin_port, 0);  // untouched without a descriptor
 
   loopback::Peer listener;
-  const int port = listener.port();
   Socket client;
   ASSERT_TRUE(client.Create());
   // A stale EAFNOSUPPORT refuses even a good address, which is still stored;
   // unparsable text then connects to that stored address.
   errno = EAFNOSUPPORT;
-  EXPECT_FALSE(client.Client_connect("127.0.0.1", port));
+  EXPECT_FALSE(client.Client_connect("127.0.0.1", listener.port()));
   errno = 0;
-  EXPECT_TRUE(client.Client_connect("no address", port));
+  EXPECT_TRUE(client.Client_connect("no address", listener.port()));
 
   // Get hands over without closing what was held before.
   const int held = client.m_sock;

@@ -179,8 +179,11 @@ TEST_F(Connected, StatusReportsFollowStreamExtraction) {
     Feed(In("SV-0", KEY_DETAIL, c[0], c[1]));
     EXPECT_EQ(robot->DebugString(), c[2]) << c[0];
   }
-  // The kill acknowledgement clears online; the connection is not involved.
-  Feed(In("SV-0", KEY_DETAIL, "1 0 0 -1", "R-0") + In("SV-0", KEY_KILL));
+  // Three frames in one receive are all applied in one step (the drain loop
+  // stops at the second, which came from the buffer; one more call files the
+  // third). The kill acknowledgement clears online; the connection stays.
+  Feed(In("SV-0", KEY_DETAIL, "9 9 9 9", "R-9") + In("SV-0", KEY_DETAIL, "1 0 0 -1", "R-0") +
+       In("SV-0", KEY_KILL));
   EXPECT_EQ(robot->DebugString(),
             "R-0 Free Offline\nPosition(X,Y,Z,Orientation):0 0 0 0\n"
             "Velocity:800mm/s Acceleration:400mm/s^2 Voltage:1V\n");

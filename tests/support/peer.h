@@ -1,12 +1,10 @@
 #pragma once
 
-// Loopback plumbing for the tests: a scripted TCP peer on 127.0.0.1 that
-// writes exactly the bytes a test hands it, reads what the other end sent,
-// closes or resets. It listens before the client connects, so the connection
-// completes in the backlog and a single thread can drive both ends. Every
-// wait is bounded.
+// A scripted TCP peer on 127.0.0.1 that writes exactly the bytes a test hands
+// it and reads what the other end sent. It listens before the client
+// connects, so the connection completes in the backlog and one thread drives
+// both ends. Every wait is bounded.
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -16,7 +14,6 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
-#include <thread>
 
 namespace loopback {
 
@@ -25,14 +22,14 @@ inline bool wait_readable(int fd, int timeout_ms = 2000) {
   return poll(&p, 1, timeout_ms) == 1;
 }
 
-// Retries `poll` (a non-blocking call answering -1 for "not yet") for up to
-// 5 s; returns its last answer.
+// Retries `poll_once` (a non-blocking call answering -1 for "not yet") for up
+// to 5 s, pausing 1 ms between tries; returns its last answer.
 template <typename F>
 int wait_for(F poll_once) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   int n;
   while ((n = poll_once()) == -1 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    poll(nullptr, 0, 1);
   return n;
 }
 
@@ -45,10 +42,10 @@ class Peer {
     setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in addr{
         AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-    for (int attempt = 0; attempt < 200 && !listening_; ++attempt) {
+    for (int tries = 0; tries < 200 && !listening_; ++tries) {
       listening_ = bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
                    listen(listen_fd_, 4) == 0;
-      if (!listening_ && port != 0) usleep(50000);
+      if (!listening_) poll(nullptr, 0, 50);
     }
     socklen_t len = sizeof addr;
     getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len);
@@ -74,6 +71,7 @@ class Peer {
     return fd_ != -1;
   }
 
+  // One send call, so that a short message reaches the other end in one piece.
   bool Send(const std::string& bytes) {
     for (std::size_t done = 0; done < bytes.size();) {
       const ssize_t n = send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
@@ -101,23 +99,11 @@ class Peer {
     fd_ = -1;
   }
 
-  // An abortive close: the other end gets a reset instead of an orderly end.
-  void Reset() {
-    linger l{1, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &l, sizeof l);
-    Close();
-  }
-
  private:
   int listen_fd_;
   int fd_ = -1;
   int port_ = 0;
   bool listening_ = false;
 };
-
-// A loopback port nobody listens on (until someone takes it again).
-inline int free_port() {
-  return Peer().port();
-}
 
 }  // namespace loopback

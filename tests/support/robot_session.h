@@ -2,9 +2,9 @@
 
 // A Robot connected to a scripted control server on 127.0.0.1:6868. The
 // Robot's connection, mailbox and action list are module-wide, so each test
-// case must run in a process of its own (the test registration does that).
-// SetUp pins the connection handshake: the constructor prints nothing and
-// only queues the announcement, which the first service step writes.
+// case runs in a process of its own. SetUp pins the handshake: the
+// constructor prints nothing and only queues the announcement, which the
+// first service step writes.
 
 #include <gtest/gtest.h>
 
