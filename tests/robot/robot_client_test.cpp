@@ -1,6 +1,7 @@
 // Robot against a scripted control server on 127.0.0.1:6868: the exact frames
-// each command sends, the guards that refuse them, and how replies change the
-// state. The server's frames are built by hand, independently of the codec.
+// each command sends, the guards that refuse them, how replies change the
+// state, and a server that goes away mid-frame. The server's frames are built by hand,
+// independently of the codec.
 
 #include <fcntl.h>
 
@@ -51,9 +52,12 @@ TEST(RobotConnect, UnreachableServerRefusesGuardedCommandsAndKeepsQueueing) {
   EXPECT_EQ(GetCapturedStdout(), "");
   EXPECT_TRUE(acts.empty());
 
-  // Init and Kill have no guard; the unsent messages stay queued in order.
+  // Init and Kill have no guard; the unsent messages stay queued in order,
+  // and handled ones (key 0) are erased, the one in front included.
   robot.Init(1500, -2500, 0.5f);
   robot.Kill();
+  auto& queue = m_msg.outbox["T-0"];
+  for (int at : {0, 2, 4, 4, 7}) queue.insert(queue.begin() + at, Message_RTS());
   for (int i = 0; i < 3; ++i) robot.Handle();
   EXPECT_EQ(OutboxKeys(), (std::vector<std::int32_t>{KEY_KILL, KEY_INIT, KEY_KILL}));
   EXPECT_FALSE(robot.online);
@@ -188,6 +192,11 @@ TEST_F(Connected, StatusReportsFollowStreamExtraction) {
             "R-0 Free Offline\nPosition(X,Y,Z,Orientation):0 0 0 0\n"
             "Velocity:800mm/s Acceleration:400mm/s^2 Voltage:1V\n");
   EXPECT_TRUE(robot->connected);
+  // Of three handled messages the removal pass leaves the second (it became
+  // first and is not examined again); the next pass erases it.
+  EXPECT_EQ(m_msg.inbox["SV-0"].size(), 1u);
+  robot->Handle();
+  EXPECT_TRUE(m_msg.inbox["SV-0"].empty());
 }
 
 TEST_F(Connected, ActionProgressTrimsAndRetiresTheOldestAction) {
@@ -222,4 +231,39 @@ TEST_F(Connected, ActionProgressTrimsAndRetiresTheOldestAction) {
   progress("action", 0);
   EXPECT_TRUE(acts.empty());
   EXPECT_TRUE(m_msg.inbox["R-0"].empty());
+}
+
+TEST_F(Connected, PeerClosingMidFrameDisconnectsForGoodAndKeepsTheQueue) {
+  BringOnline();
+  const int fd = m_socket.m_sock;
+  // A last whole report and half of the next one are unread when the peer
+  // goes: the report still takes effect in the step that sees the loss.
+  const std::string report = In("R-0", KEY_DETAIL, "20 1 2 -1", "R-0");
+  server.Send(report + report.substr(0, 20));
+  loopback::wait_readable(fd);
+  ASSERT_TRUE(robot->SetVelocity(500));
+  server.Close();
+  testing::internal::CaptureStdout();
+  robot->Handle();
+  EXPECT_FALSE(robot->connected);
+  EXPECT_EQ(robot->voltage, 20.0f);
+  EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+  EXPECT_EQ(m_socket.m_sock, fd);  // the closed number stays
+  EXPECT_TRUE(m_socket.m_buffer.empty());
+  EXPECT_TRUE(robot->online);  // only a kill acknowledgement or Kill() clears it
+  EXPECT_EQ(OutboxKeys(), (std::vector<std::int32_t>{KEY_SET_PARAM}));
+
+  // Later steps read nothing and print nothing, but still apply what is in
+  // the inbox and still try to send, keeping the unsent messages in order.
+  EXPECT_FALSE(robot->SetVelocity(600));
+  m_msg.inbox["SV-0"].emplace_back();
+  m_msg.inbox["SV-0"].back().key = KEY_INIT;
+  robot->Kill();
+  EXPECT_FALSE(robot->online);
+  robot->Handle();
+  robot->Handle();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "socket dis connect\n");
+  EXPECT_TRUE(robot->online);  // the queued acknowledgement was applied
+  EXPECT_TRUE(m_msg.inbox["SV-0"].empty());
+  EXPECT_EQ(OutboxKeys(), (std::vector<std::int32_t>{KEY_SET_PARAM, KEY_KILL}));
 }
