@@ -130,11 +130,17 @@ TEST(Socket, ConnectQuirksAndAdoption) {
   errno = 0;
   EXPECT_TRUE(client.Client_connect("no address", listener.port()));
 
-  // Get hands over without closing what was held before.
+  // Get hands over without closing what was held before; one receive takes
+  // at most 102400 bytes.
   const int held = client.m_sock;
   int sv[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
   EXPECT_GE(client.Get(sv[0]), 0);
   EXPECT_TRUE(is_open(held));
+  ASSERT_EQ(write(sv[1], std::string(150000, 'x').data(), 150000), 150000);
+  std::string out;
+  EXPECT_EQ(client.Recv(out), 102400);
+  EXPECT_EQ(client.Recv(out), 47600);
+  EXPECT_EQ(out, std::string(47600, 'x'));
   for (int fd : {held, sv[1]}) close(fd);
 }
