@@ -124,91 +124,70 @@ TEST(RobotConnect, UnreachableServerRefusesGuardedCommandsAndKeepsQueueing) {
   for (int at : {0, 2, 4, 4, 7}) queue.insert(queue.begin() + at, Message_RTS());
   for (int i = 0; i < 3; ++i) robot.Handle();
   EXPECT_EQ(OutboxKeys(), (std::vector<std::int32_t>{KEY_KILL, KEY_INIT, KEY_KILL}));
-  EXPECT_FALSE(robot.online);
 }
 
-TEST_F(Connected, ParameterSettersCheckRangesAndNeedOnlyTheConnection) {
+TEST_F(Connected, SettersCheckTheirGuardFirstThenTheirRange) {
   const auto param = [](const char* name, int value) {
     return Out("SV-0", KEY_SET_PARAM, name, "N", "N", value);
   };
+  // Velocity and acceleration need only the connection: offline and in error
+  // they are accepted, like Init and Kill.
+  Feed(In("SV-0", KEY_DETAIL, "24 0 0 5", "R-0"));
   CaptureStdout();
   for (int v : {300, 1300, 299, 1301}) EXPECT_EQ(robot->SetVelocity(v), v == 300 || v == 1300);
   for (int a : {100, 1000, 99, 1001}) EXPECT_EQ(robot->SetAcceleration(a), a == 100 || a == 1000);
   EXPECT_EQ(GetCapturedStdout(),
-            "value illegality \nvalue illegality \nvalue illegality \nvalue illegality \n");
+            "value illegality \nvalue illegality \nvalue illegality \n"
+            "value illegality \n");
+  robot->Init(1500, 250, 7);
   robot->Handle();
   EXPECT_EQ(server.Read(), param("Speed", 300) + param("Speed", 1300) + param("Acceleration", 100) +
-                               param("Acceleration", 1000));
+                               param("Acceleration", 1000) + Out("SV-0", KEY_KILL) +
+                               Out("SV-0", KEY_INIT, "1.500000", "0.250000", "7.000000"));
 
-  // Offline and in error: still accepted, like Init and Kill.
-  Feed(In("SV-0", KEY_DETAIL, "24 0 0 5", "R-0"));
-  ASSERT_EQ(robot->state, 5);
-  EXPECT_TRUE(robot->SetVelocity(800));
-  robot->Init(1500, 250, 7);
-  robot->Kill();
-  robot->Handle();
-  EXPECT_EQ(server.Read(), param("Speed", 800) + Out("SV-0", KEY_KILL) +
-                               Out("SV-0", KEY_INIT, "1.500000", "0.250000", "7.000000") +
-                               Out("SV-0", KEY_KILL));
-}
-
-TEST_F(Connected, OrientationAndDetailNeedAnOnlineFreeRobot) {
-  // Offline, then online but working: orientation refused silently, even out
-  // of range (the guard comes first); the detail request needs only online.
-  const auto guarded = [this](const std::string& sent) {
-    CaptureStdout();
-    EXPECT_FALSE(robot->SetOrientation(0.5f));
-    EXPECT_FALSE(robot->SetOrientation(9.0f));
-    robot->GetDetial();
-    EXPECT_EQ(GetCapturedStdout(), "");
-    robot->Handle();
-    EXPECT_EQ(server.Read(100), sent);
-  };
-  guarded("");
-  BringOnline();
+  // Orientation needs an online, free robot; pi is single precision and
+  // NaN passes the range test.
+  Feed(In("SV-0", KEY_DETAIL, "24 0 0 -1", "R-0") + In("SV-0", KEY_INIT));
   const float pi = 3.14159274f;
   CaptureStdout();
   const std::pair<float, bool> cases[] = {{pi, true},  {std::nextafter(pi, 4.0f), false},
                                           {-pi, true}, {std::nextafter(-pi, -4.0f), false},
                                           {NAN, true}, {0.0000001f, true}};
   for (const auto& c : cases) EXPECT_EQ(robot->SetOrientation(c.first), c.second) << c.first;
-  robot->GetDetial();
   EXPECT_EQ(GetCapturedStdout(), "value illegality \nvalue illegality \n");
   robot->Handle();
   std::string turns;
   for (const char* text : {"r 3.14159", "r -3.14159", "r nan", "r 1e-07"})
     turns += Out("R-0", KEY_ORIENTATION, text);
-  EXPECT_EQ(server.Read(), turns + Out("R-0", KEY_GET_DETAIL));
-  Feed(In("SV-0", KEY_DETAIL, "24 0 0 0", "R-0"));
-  guarded(Out("R-0", KEY_GET_DETAIL));
+  EXPECT_EQ(server.Read(), turns);
 }
 
 TEST_F(Connected, PositionCommandsSendOneActionAndRecordItUntilDestruction) {
-  EXPECT_FALSE(robot->SetPosition(1, 2, 3));  // offline: refused, no name used
-  BringOnline();
-  EXPECT_TRUE(robot->SetPosition(1500, -250, 7));
-  robot->Handle();
-  EXPECT_EQ(server.Read(), ActionFrame(1, Point(-1, 1.5f, -0.25f, 7), "-1", 1.5f, -0.25f));
-
-  // A busy or failed robot refuses both overloads without output or a name.
+  // Offline, then online but working or failed: the position and orientation
+  // commands are refused silently (the guard comes before the range) without
+  // using up a name; the detail request needs only online.
   float a[3] = {1000, 2000, 3}, b[3] = {-500, 0, 4};
-  for (const char* report : {"24 0 0 0", "24 0 0 3"}) {
-    Feed(In("SV-0", KEY_DETAIL, report, "R-0"));
+  for (const char* report : {"", "24 0 0 0", "24 0 0 3"}) {
+    if (*report) Feed(In("SV-0", KEY_DETAIL, report, "R-0") + In("SV-0", KEY_INIT));
     CaptureStdout();
-    EXPECT_FALSE(robot->SetPosition(1, 2, 3));
-    EXPECT_FALSE(robot->SetPosition(std::deque<float*>{a}));
+    EXPECT_FALSE(robot->SetPosition(1, 2, 3) || robot->SetPosition(std::deque<float*>{a}) ||
+                 robot->SetOrientation(9.0f));
+    robot->GetDetial();
     EXPECT_EQ(GetCapturedStdout(), "");
+    robot->Handle();
+    EXPECT_EQ(server.Read(100), *report ? Out("R-0", KEY_GET_DETAIL) : "");
   }
   Feed(In("SV-0", KEY_DETAIL, "24 0 0 -1", "R-0"));
+  EXPECT_TRUE(robot->SetPosition(1500, -250, 7));
   EXPECT_TRUE(robot->SetPosition(0, 0, 0));
   EXPECT_TRUE(robot->SetPosition(std::deque<float*>{a, b}));
   EXPECT_TRUE(robot->SetPosition(std::deque<float*>{}));
   robot->Handle();
   EXPECT_EQ(server.Read(),
-            ActionFrame(1, Point(-2, 0, 0, 0), "-2", 0, 0) +
+            ActionFrame(1, Point(-1, 1.5f, -0.25f, 7), "-1", 1.5f, -0.25f) +
+                ActionFrame(1, Point(-2, 0, 0, 0), "-2", 0, 0) +
                 ActionFrame(2, Point(0, 1, 2, 3) + Point(1, -0.5f, 0, 4), "1", -0.5f, 0) +
                 ActionFrame(0, "", "N", 0, 0));
-
   EXPECT_EQ(Running(), "(-1)(-2)(0 1)()");
 
   // The destructor drops the running actions and the queue, sending nothing.
@@ -218,9 +197,7 @@ TEST_F(Connected, PositionCommandsSendOneActionAndRecordItUntilDestruction) {
   robot.reset();
   EXPECT_EQ(m_socket.m_sock, fd);  // the closed number stays
   EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-  EXPECT_TRUE(acts.empty());
-  EXPECT_TRUE(m_msg.inbox.empty());
-  EXPECT_TRUE(m_msg.outbox.empty());
+  EXPECT_TRUE(acts.empty() && m_msg.inbox.empty() && m_msg.outbox.empty());
   EXPECT_EQ(server.Read(100), "");
 }
 

@@ -1,6 +1,6 @@
-"""Runs tshark with the Lua dissector over a capture written here byte by
-byte, independently of the library, and checks what it decodes and flags.
-Environment: TARN_LUA (the dissector), TSHARK."""
+# Runs tshark with the Lua dissector over a capture written here byte by byte,
+# independently of the library, and checks what it decodes and flags.
+# Environment: TARN_LUA (the dissector), TSHARK.
 
 import os
 import struct
@@ -47,7 +47,6 @@ HOSTILE = (frame(message("T-0", "R-0", 12)[:-5] + struct.pack("<i", 10 ** 9) + b
            + frame(message("T-0", "R-0", 12)[:-5] + struct.pack("<iii", 1, 1, 0x7FFFFFFF) + b"%")
            + frame(struct.pack("<ii", 0, -2) + b"%%%%"))
 PACKETS = [  # (from the client?, payload, name)
-    (True, frame(message("T-0", "SV-0", 1)), "connect"),
     (True, frame(message("T-0", "SV-0", 20, 800, "Speed")) + frame(message("T-0", "SV-0", 20, 500, "Acceleration")),
      "two_frames"),
     (True, PATH3[:5], "split_1"), (True, PATH3[5:40], "split_2"), (True, PATH3[40:], "split_3"),
@@ -63,14 +62,14 @@ PACKETS = [  # (from the client?, payload, name)
 ]
 
 
+# Frame number in the capture: the three handshake packets come first.
 def n(name):
-    """Frame number in the capture: the three handshake packets come first."""
     return 4 + [p[2] for p in PACKETS].index(name)
 
 
+# The conversation between 127.0.0.1:40000 and :6868 as bare IPv4 packets
+# (checksums zero: tshark does not verify them by default).
 def pcap():
-    """The conversation between 127.0.0.1:40000 and :6868 as bare IPv4 packets
-    (checksums zero: tshark does not verify them by default)."""
     seq = {True: 1000, False: 5000}
     segments = [(True, 0x02, b""), (False, 0x12, b""), (True, 0x10, b"")]
     out = struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 101)
@@ -90,8 +89,8 @@ def fields(tmp_path_factory):
     (d / "tarn.pcap").write_bytes(pcap())
     (d / "cfg").mkdir()  # keeps the user's preferences out
 
+    # {frame number: [values of each field, joined by ","]}
     def run(*names, filter="tarn"):
-        """{frame number: [values of each field, joined by ","]}."""
         args = [os.environ["TSHARK"], "-n", "-X", "lua_script:" + os.environ["TARN_LUA"], "-r", str(d / "tarn.pcap"),
                 "-o", "tcp.desegment_tcp_streams:TRUE", "-T", "fields", "-E", "occurrence=a", "-E", "aggregator=,",
                 "-e", "frame.number", "-Y", filter] + [a for f in names for a in ("-e", f)]
@@ -103,42 +102,33 @@ def fields(tmp_path_factory):
     return run
 
 
-def test_messages_decode_field_by_field(fields):
+def test_messages_and_actions_decode_field_by_field(fields):
     rows = fields("tarn.sender", "tarn.receiver", "tarn.key", "tarn.key_name", "tarn.int_param", "tarn.text1",
-                  "tarn.text2", "tarn.text3", "tarn.action_count")
-    assert rows[n("connect")] == ["T-0", "SV-0", "1", "KEY_CONNECT", "0", "N", "N", "N", "0"]
+                  "tarn.text2", "tarn.text3", "tarn.action_count", "tarn.length", "tarn.wp.code", filter="frame")
     # two frames in one segment: both messages, in order
-    assert rows[n("two_frames")] == ["T-0,T-0", "SV-0,SV-0", "20,20", "KEY_SET_PARAM,KEY_SET_PARAM", "800,500",
-                                     "Speed,Acceleration", "N,N", "N,N", "0,0"]
-    assert rows[n("detail")][3:7] == ["KEY_DETAIL", "0", "12.5 1.5 2.5 -1 0.25 800 500", "R-0"]
+    assert rows[n("two_frames")][:9] == ["T-0,T-0", "SV-0,SV-0", "20,20", "KEY_SET_PARAM,KEY_SET_PARAM", "800,500",
+                                         "Speed,Acceleration", "N,N", "N,N", "0,0"]
+    assert rows[n("detail")][:9] == ["R-0", "T-0", "14", "KEY_DETAIL", "0", "12.5 1.5 2.5 -1 0.25 800 500", "R-0",
+                                     "N", "0"]
     # NUL shown escaped, an empty text, frame bytes inside a text, a key outside the table
-    assert rows[n("odd_texts")] == ["T-0", "SV-0", "99", "unknown", "-5", "a\\x00b", "", "x;y#", "0"]
-
-
-def test_split_frames_and_actions_decode_every_way_point(fields):
-    rows = fields("tarn.key_name", "tarn.length", "tarn.wp.code", "tarn.wp.x", "tarn.wp.z", "tarn.wp.flag",
-                  "tarn.target.code", "tarn.action.param", filter="frame")
-    assert rows[n("split_1")] == [""] * 8 and rows[n("split_2")] == [""] * 8
-    assert rows[n("split_3")] == ["KEY_ACTION", str(len(PATH3) - 10), "0,1,2", "1,1.5,3.25", "0,0,7", "1,1,1", "2",
-                                  "f"]
-    names = ["tarn.action.type", "tarn.action.path_count", "tarn.wp.code", "tarn.wp.flag", "tarn.wp.space_type",
-             "tarn.action.arc_count", "tarn.arc.code", "tarn.arc.space_type", "tarn.arc.param1", "tarn.arc.param4",
-             "tarn.target.code", "tarn.target.x", "tarn.target.y", "tarn.target.space_type", "tarn.action.param"]
-    assert fields(*names)[n("arc")] == ["2", "1", "42", "-1", "5", "2", "-7,8", "2,2", "0.25,1.25", "1,2", "T9",
-                                        "6.5", "7.5", "3", "go"]
+    assert rows[n("odd_texts")][:9] == ["T-0", "SV-0", "99", "unknown", "-5", "a\\x00b", "", "x;y#", "0"]
+    # a frame split over three segments is decoded once, when complete
+    assert rows[n("split_1")] == rows[n("split_2")] == [""] * 11
+    assert rows[n("split_3")][8:] == ["1", str(len(PATH3) - 10), "0,1,2"]
+    rows = fields("tarn.wp.x", "tarn.wp.z", "tarn.wp.flag", "tarn.wp.space_type", "tarn.arc.code",
+                  "tarn.arc.space_type", "tarn.arc.param1", "tarn.arc.param4", "tarn.target.code", "tarn.target.x",
+                  "tarn.target.y", "tarn.target.space_type", "tarn.action.param")
+    assert rows[n("split_3")][:4] == ["1,1.5,3.25", "0,0,7", "1,1,1", "0,0,0"]
+    assert rows[n("arc")] == ["0.5", "0", "-1", "5", "-7,8", "2,2", "0.25,1.25", "1,2", "T9", "6.5", "7.5", "3", "go"]
 
 
 def test_damaged_frames_are_flagged_and_the_stream_recovers(fields):
-    def flagged(expert):
-        return sorted(fields(filter=expert))
-    assert flagged("tarn.junk.expert") == flagged("tarn.bad_terminator") == [n("bad_terminator")]
-    assert flagged("tarn.bad_type") == [n("wrong_type")]
-    assert flagged("tarn.oversized") == [n("oversized")]
-    assert flagged("tarn.decode_failed") == [n("decode_failure"), n("hostile")]
-    assert flagged("tarn.length_minus_ten") == [n("minus_ten")]
-    assert flagged("tarn.truncated") == [n("hostile")]
-    assert flagged("tarn.damaged") == [n(x) for x in (
-        "bad_terminator", "wrong_type", "oversized", "decode_failure", "hostile", "minus_ten")]
+    flagged = {"junk.expert": "bad_terminator", "bad_terminator": "bad_terminator", "bad_type": "wrong_type",
+               "oversized": "oversized", "decode_failed": "decode_failure hostile", "truncated": "hostile",
+               "length_minus_ten": "minus_ten",
+               "damaged": "bad_terminator wrong_type oversized decode_failure hostile minus_ten"}
+    for expert, names in flagged.items():
+        assert sorted(fields(filter="tarn." + expert)) == [n(x) for x in names.split()], expert
     rows = fields("tarn.key_name", "tarn.junk", "tarn.terminator", "_ws.col.Info")
     # skipped "xyz", the frame whose terminator position holds the next '#',
     # then the frame behind it, found again after the early ';'
