@@ -1,19 +1,17 @@
 #pragma once
 
-// A scripted TCP peer on 127.0.0.1 that writes exactly the bytes a test hands
-// it and reads what the other end sent. It listens before the client
-// connects, so the connection completes in the backlog and one thread drives
-// both ends. Every wait is bounded.
+// Loopback plumbing: bounded waits on descriptors, and the library's own
+// server-side Socket on 127.0.0.1 as the scripted peer that writes exactly
+// the bytes a test hands it. A client connects into the listener's backlog,
+// so one thread drives both ends.
 
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdint>
 #include <string>
+
+#include "net/Socket.h"
 
 namespace loopback {
 
@@ -33,74 +31,23 @@ int wait_for(F poll_once) {
   return n;
 }
 
-class Peer {
- public:
-  // Port 0 takes a kernel-chosen port. A fixed port may still be held for a
-  // moment by a test process that just ended: that one is retried for 10 s.
-  explicit Peer(int port = 0) : listen_fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-    int one = 1;
-    setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in addr{
-        AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-    for (int tries = 0; tries < 200 && !listening_; ++tries) {
-      listening_ = bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-                   listen(listen_fd_, 4) == 0;
-      if (!listening_) poll(nullptr, 0, 50);
-    }
-    socklen_t len = sizeof addr;
-    getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-    port_ = ntohs(addr.sin_port);
-  }
-  ~Peer() {
-    Close();
-    ::close(listen_fd_);
-  }
-  Peer(const Peer&) = delete;
-  Peer& operator=(const Peer&) = delete;
+// Starts `server` listening on 127.0.0.1:`port` (0: a port the kernel
+// chooses) and returns the port.
+inline int listen(Socket& server, int port = 0) {
+  server.Server_init("127.0.0.1", port);
+  sockaddr_in addr{};
+  socklen_t len = sizeof addr;
+  getsockname(server.m_sock, reinterpret_cast<sockaddr*>(&addr), &len);
+  return ntohs(addr.sin_port);
+}
 
-  bool listening() const { return listening_; }
-  int port() const { return port_; }
-
-  // Small writes leave at once, never waiting for the previous one's
-  // acknowledgement.
-  bool Accept() {
-    if (!wait_readable(listen_fd_)) return false;
-    fd_ = accept(listen_fd_, nullptr, nullptr);
-    int one = 1;
-    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    return fd_ != -1;
-  }
-
-  // One send call: the tests' writes are small, so the other end gets each
-  // in one piece.
-  bool Send(const std::string& bytes) {
-    return send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(bytes.size());
-  }
-
-  // Everything the other end has written so far: waits up to `first_wait_ms`
-  // for the first byte, then takes what follows within 20 ms gaps.
-  std::string Read(int first_wait_ms = 300) {
-    std::string out;
-    char buf[65536];
-    for (int wait = first_wait_ms; wait_readable(fd_, wait); wait = 20) {
-      const ssize_t n = recv(fd_, buf, sizeof buf, 0);
-      if (n <= 0) break;
-      out.append(buf, static_cast<std::size_t>(n));
-    }
-    return out;
-  }
-
-  void Close() {
-    if (fd_ != -1) ::close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int listen_fd_;
-  int fd_ = -1;
-  int port_ = 0;
-  bool listening_ = false;
-};
+// Everything the other end has written so far: waits up to `first_wait_ms`
+// for the first byte, then takes what follows within 20 ms gaps.
+inline std::string read_all(const Socket& s, int first_wait_ms = 300) {
+  std::string out, chunk;
+  for (int wait = first_wait_ms; wait_readable(s.m_sock, wait) && s.Recv(chunk) > 0; wait = 20)
+    out += chunk;
+  return out;
+}
 
 }  // namespace loopback

@@ -10,8 +10,7 @@ import pytest
 
 
 def text(s):
-    b = s.encode() if isinstance(s, str) else s
-    return struct.pack("<i", len(b)) + b
+    return struct.pack("<i", len(s.encode())) + s.encode()
 
 
 def waypoint(code, x, y, z, flag=1, space=0, *arc):
@@ -48,8 +47,7 @@ HOSTILE = (frame(message("T-0", "R-0", 12)[:-5] + struct.pack("<i", 10 ** 9) + b
            + frame(struct.pack("<ii", 0, -2) + b"%%%%"))
 PACKETS = [  # (from the client?, payload, name)
     (True, frame(message("T-0", "SV-0", 20, 800, "Speed")) + frame(message("T-0", "SV-0", 20, 500, "Acceleration")),
-     "two_frames"),
-    (True, PATH3[:5], "split_1"), (True, PATH3[5:40], "split_2"), (True, PATH3[40:], "split_3"),
+     "two_frames"), (True, PATH3[:5], "split_1"), (True, PATH3[5:40], "split_2"), (True, PATH3[40:], "split_3"),
     (False, frame(message("R-0", "T-0", 14, 0, "12.5 1.5 2.5 -1 0.25 800 500", "R-0")), "detail"),
     (True, b"xyz" + frame(SHORT, length=len(SHORT) + 1) + frame(message("T-0", "R-0", 13)), "bad_terminator"),
     (True, frame(message("T-0", "R-0", 7, 0, "r 1.5"), ftype=12), "wrong_type"),
