@@ -60,5 +60,3 @@ def test_robot_takes_point_lists_and_shows_its_status():
     assert action.decode(wire[19 + struct.unpack_from("<i", wire, 5)[0]:]) is True
     assert [(w.qr_code, w.x, w.y, w.z) for w in action.actions[0].path] == [
         ("0", 1.0, 2.0, 5.0), ("1", 1.5, -0.5, 0.0)]
-    del robot
-    conn.close()

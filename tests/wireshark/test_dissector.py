@@ -100,39 +100,38 @@ def fields(tmp_path_factory):
     return run
 
 
+def test_damaged_frames_are_flagged_and_explained(fields):
+    # The receiver's view: skipped bytes and the early ';' found again, frames
+    # it would stall on or throw at, and bodies that claim more than they hold.
+    want = [("bad_terminator", "[skipped] | [bad terminator] | T-0 → R-0 KEY_GET_DETAIL",
+             "Bytes before the frame marker (the receiver drops them),Byte at the terminator position is 0x23, not ';'"),
+            ("wrong_type", '[wrong type] T-0 → R-0 KEY_ORIENTATION "r 1.5"', "Type word 12, not 11"),
+            ("oversized", "[oversized]", "Length 2000000: frame of more than 1000000 bytes"),
+            ("decode_failure", 'T-0 → SV-0 KEY_INIT "1.0"', "Opening marker is 0x58, not '%'"),
+            ("hostile", "T-0 → R-0 KEY_ACTION | T-0 → R-0 KEY_ACTION | [undecodable]",
+             "Body ends inside action 1 of 1000000000,Body ends inside action 1 of 1,"
+             "Text length -2: the decoder raises a length error"),
+            ("minus_ten", "[length -10]", "Length word -10 (the receiver raises an exception)")]
+    assert fields("_ws.col.Info", "_ws.expert.message", filter="tarn.damaged") == {
+        n(name): [info, expert] for name, info, expert in want}
+
+
 def test_messages_and_actions_decode_field_by_field(fields):
     rows = fields("tarn.sender", "tarn.receiver", "tarn.key", "tarn.key_name", "tarn.int_param", "tarn.text1",
-                  "tarn.text2", "tarn.text3", "tarn.action_count", "tarn.length", "tarn.wp.code", filter="frame")
-    # two frames in one segment: both messages, in order
-    assert rows[n("two_frames")][:9] == ["T-0,T-0", "SV-0,SV-0", "20,20", "KEY_SET_PARAM,KEY_SET_PARAM", "800,500",
-                                         "Speed,Acceleration", "N,N", "N,N", "0,0"]
-    assert rows[n("detail")][:9] == ["R-0", "T-0", "14", "KEY_DETAIL", "0", "12.5 1.5 2.5 -1 0.25 800 500", "R-0",
-                                     "N", "0"]
-    # NUL shown escaped, an empty text, frame bytes inside a text, a key outside the table
-    assert rows[n("odd_texts")][:9] == ["T-0", "SV-0", "99", "unknown", "-5", "a\\x00b", "", "x;y#", "0"]
+                  "tarn.text2", "tarn.text3", "tarn.length", "tarn.junk", "tarn.terminator", filter="frame")
     # a frame split over three segments is decoded once, when complete
-    assert rows[n("split_1")] == rows[n("split_2")] == [""] * 11
-    assert rows[n("split_3")][8:] == ["1", str(len(PATH3) - 10), "0,1,2"]
-    rows = fields("tarn.wp.x", "tarn.wp.z", "tarn.wp.flag", "tarn.wp.space_type", "tarn.arc.code",
+    assert rows[n("split_1")] == rows[n("split_2")] == [""] * 11 and rows[n("split_3")][3] == "KEY_ACTION"
+    assert rows[n("detail")][:8] == ["R-0", "T-0", "14", "KEY_DETAIL", "0", "12.5 1.5 2.5 -1 0.25 800 500", "R-0", "N"]
+    assert rows[n("two_frames")] == ["T-0,T-0", "SV-0,SV-0", "20,20", "KEY_SET_PARAM,KEY_SET_PARAM", "800,500",
+                                     "Speed,Acceleration", "N,N", "N,N", "52,59", "", "0x3b,0x3b"]
+    # NUL shown escaped, an empty text, frame bytes inside a text, a key outside the table
+    assert rows[n("odd_texts")] == ["T-0", "SV-0", "99", "unknown", "-5", "a\\x00b", "", "x;y#", "52", "", "0x3b"]
+    # the skipped bytes, the early ';' (0x23 at the claimed position), then the next frame
+    assert rows[n("bad_terminator")][8:] == ["49,47", "78797a", "0x23,0x3b"]
+    rows = fields("tarn.wp.code", "tarn.wp.x", "tarn.wp.z", "tarn.wp.flag", "tarn.wp.space_type", "tarn.arc.code",
                   "tarn.arc.space_type", "tarn.arc.param1", "tarn.arc.param4", "tarn.target.code", "tarn.target.x",
                   "tarn.target.y", "tarn.target.space_type", "tarn.action.param")
-    assert rows[n("split_3")][:4] == ["1,1.5,3.25", "0,0,7", "1,1,1", "0,0,0"]
-    assert rows[n("arc")] == ["0.5", "0", "-1", "5", "-7,8", "2,2", "0.25,1.25", "1,2", "T9", "6.5", "7.5", "3", "go"]
-
-
-def test_damaged_frames_are_flagged_and_the_stream_recovers(fields):
-    flagged = {"junk.expert": "bad_terminator", "bad_terminator": "bad_terminator", "bad_type": "wrong_type",
-               "oversized": "oversized", "decode_failed": "decode_failure hostile", "truncated": "hostile",
-               "length_minus_ten": "minus_ten",
-               "damaged": "bad_terminator wrong_type oversized decode_failure hostile minus_ten"}
-    for expert, names in flagged.items():
-        assert sorted(fields(filter="tarn." + expert)) == [n(x) for x in names.split()], expert
-    rows = fields("tarn.key_name", "tarn.junk", "tarn.terminator", "_ws.col.Info")
-    # skipped "xyz", the frame whose terminator position holds the next '#',
-    # then the frame behind it, found again after the early ';'
-    assert rows[n("bad_terminator")] == ["KEY_GET_DETAIL", "78797a", "0x23,0x3b",
-                                         "[skipped] | [bad terminator] | T-0 → R-0 KEY_GET_DETAIL"]
-    assert rows[n("wrong_type")][0] == "KEY_ORIENTATION"  # the message is still shown
-    # the segment after the oversized frame starts cleanly
-    assert rows[n("decode_failure")][0] == "KEY_INIT" and rows[n("arc")][0] == "KEY_ACTION"
-    assert rows[n("hostile")][3] == "T-0 → R-0 KEY_ACTION | T-0 → R-0 KEY_ACTION | [undecodable]"
+    assert rows[n("split_3")] == ["0,1,2", "1,1.5,3.25", "0,0,7", "1,1,1", "0,0,0", "", "", "", "", "2", "3.25", "-4",
+                                  "0", "f"]
+    assert rows[n("arc")] == ["42", "0.5", "0", "-1", "5", "-7,8", "2,2", "0.25,1.25", "1,2", "T9", "6.5", "7.5", "3",
+                              "go"]
