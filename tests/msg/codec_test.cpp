@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <deque>
 #include <sstream>
 #include <stdexcept>
@@ -14,12 +13,6 @@
 using wire::hex;
 
 namespace {
-
-std::int32_t i32_at(const std::string& s, std::size_t at) {
-  std::int32_t v;
-  std::memcpy(&v, s.data() + at, 4);
-  return v;
-}
 
 std::string with_i32(std::string s, std::size_t at, std::int32_t v) {
   return s.replace(at, 4, wire::Bytes().i32(v).s);
@@ -74,8 +67,8 @@ TEST(Encoding, KnownByteSequencesAndRecordDefaults) {
 
   // A way-point is its label: position, space type and flag do not count.
   const QrInfo_RTS d;
-  EXPECT_EQ(d.qr_code + std::to_string(d.x + d.y + d.z) + std::to_string(d.flag), "N0.000000-1");
-  EXPECT_EQ(d.space_type, SPACE_DEFAULT);
+  EXPECT_EQ(d.qr_code + std::to_string(d.x + d.y + d.z + d.space_type) + std::to_string(d.flag),
+            "N0.000000-1");
   const QrInfo_RTS a("7", 1, 2, SPACE_DEFAULT, 1), b("7", 5, 6, static_cast<Space_type>(3), -1);
   EXPECT_TRUE(a == b && !(a != b));
   EXPECT_TRUE(a != QrInfo_RTS("07", 1, 2, SPACE_DEFAULT, 1) && !(a == d));
@@ -95,10 +88,12 @@ TEST(Encoding, CodesAreIntegersAndBlankLabelsRepeatThePreviousCode) {
   a.arc_path.resize(1);
   a.arc_path[0].qr_code = "";
   const std::string body = a.str();
-  for (std::size_t i = 0; i < 14; ++i) EXPECT_EQ(i32_at(body, 8 + 24 * i), want[i]) << i;
-  EXPECT_EQ(i32_at(body, 12 + 24 * 14), 9);  // the arc path continues the path's code
+  for (std::size_t i = 0; i < 14; ++i)
+    EXPECT_EQ(body.substr(8 + 24 * i, 4), wire::Bytes().i32(want[i]).s) << i;
+  EXPECT_EQ(body.substr(12 + 24 * 14, 4), hex("09000000"));  // the arc path continues the code
   // Each action starts afresh: a blank first label writes 0.
-  EXPECT_EQ(i32_at(Action_RTS(1, std::deque<QrInfo_RTS>{waypoint(" ")}).str(), 8), 0);
+  EXPECT_EQ(Action_RTS(1, std::deque<QrInfo_RTS>{waypoint(" ")}).str().substr(8, 4),
+            hex("00000000"));
 }
 
 TEST(Decoding, RoundTripKeepsWhatTravels) {
@@ -118,9 +113,8 @@ TEST(Decoding, RoundTripKeepsWhatTravels) {
   Message_RTS r;
   r.local_flag = 3;
   ASSERT_TRUE(r.decode(bytes + "trailing bytes are ignored"));
-  EXPECT_EQ(r.str(), bytes);  // every field that travels, texts byte for byte
+  ASSERT_EQ(r.str(), bytes);  // every field that travels, texts byte for byte
   EXPECT_EQ(r.local_flag, 0);
-  ASSERT_EQ(r.actions.size(), 2u);
   // From a stream, each record stops right behind its closing marker, and
   // decoding again appends.
   std::stringstream twice(bytes + bytes);

@@ -10,6 +10,8 @@ import pytest
 
 import tarnsdk as t
 
+socket.setdefaulttimeout(5)  # every socket here, the accepted one included
+
 
 def test_texts_keys_lists_errors_and_frames_cross_the_boundary():
     m = t.Message_RTS()
@@ -38,7 +40,6 @@ def test_texts_keys_lists_errors_and_frames_cross_the_boundary():
 
 def test_robot_takes_point_lists_and_shows_its_status():
     with socket.create_server(("127.0.0.1", 6868)) as listener:
-        listener.settimeout(5)
         robot = t.Robot()
         conn, _ = listener.accept()
     ack = t.Message_RTS()
@@ -52,7 +53,6 @@ def test_robot_takes_point_lists_and_shows_its_status():
     assert str(robot) == robot.DebugString() and robot.DebugString().startswith("N Free Online\n")
     assert robot.SetPosition([(1000, 2000, 5), (1500, -500, 0)]) is True
     robot.Handle()
-    conn.settimeout(5)
     wire = b""  # the announcement, then the action, each sent whole
     while len(wire) < 9 or len(wire) < 20 + struct.unpack_from("<i", wire, 5)[0]:
         wire += conn.recv(65536)

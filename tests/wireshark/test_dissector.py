@@ -121,7 +121,7 @@ def test_messages_and_actions_decode_field_by_field(fields):
                   "tarn.text2", "tarn.text3", "tarn.length", "tarn.junk", "tarn.terminator", filter="frame")
     # a frame split over three segments is decoded once, when complete
     assert rows[n("split_1")] == rows[n("split_2")] == [""] * 11 and rows[n("split_3")][3] == "KEY_ACTION"
-    assert rows[n("detail")][:8] == ["R-0", "T-0", "14", "KEY_DETAIL", "0", "12.5 1.5 2.5 -1 0.25 800 500", "R-0", "N"]
+    assert rows[n("detail")][:7] == ["R-0", "T-0", "14", "KEY_DETAIL", "0", "12.5 1.5 2.5 -1 0.25 800 500", "R-0"]
     assert rows[n("two_frames")] == ["T-0,T-0", "SV-0,SV-0", "20,20", "KEY_SET_PARAM,KEY_SET_PARAM", "800,500",
                                      "Speed,Acceleration", "N,N", "N,N", "52,59", "", "0x3b,0x3b"]
     # NUL shown escaped, an empty text, frame bytes inside a text, a key outside the table
