@@ -44,7 +44,7 @@ std::map<std::string, std::vector<std::string>> Filed(MailBox& box) {
 std::vector<int> Deliver(Link& link, MailBox& box, const std::vector<std::string>& chunks) {
   std::vector<int> results;
   for (const std::string& chunk : chunks) {
-    write(link.peer, chunk.data(), chunk.size());
+    EXPECT_EQ(write(link.peer, chunk.data(), chunk.size()), static_cast<ssize_t>(chunk.size()));
     loopback::wait_readable(link.client.m_sock);
     for (int r; (r = recv_msg(link.client, box)) != 0;) results.push_back(r);
   }
