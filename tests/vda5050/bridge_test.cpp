@@ -1,0 +1,190 @@
+// The bridge's order and state logic against a recording robot: which
+// commands it issues when, and what the state then says.
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "bridge.h"
+
+namespace {
+
+using vda::Json;
+
+struct FakeRobot : vda::RobotPort {
+  std::vector<std::string> calls;
+  bool accept = true;
+  std::string Text(const char* what, std::initializer_list<float> values) {
+    std::ostringstream out;
+    out << what;
+    for (float v : values) out << ' ' << v;
+    return out.str();
+  }
+  bool Drive(const std::vector<std::array<float, 3>>& points) override {
+    std::string text = "drive";
+    for (const auto& p : points) text += Text("", {p[0], p[1], p[2]});
+    calls.push_back(text);
+    return accept;
+  }
+  bool Turn(float theta) override { return calls.push_back(Text("turn", {theta})), accept; }
+  bool Speed(int v) override { return calls.push_back(Text("speed", {float(v)})), accept; }
+  void Init(float x, float y, float t) override { calls.push_back(Text("init", {x, y, t})); }
+  void Detail() override { calls.push_back("detail"); }
+};
+
+vda::Report At(double x, double y, int state, double theta = 0, double voltage = 24.2) {
+  vda::Report r;
+  r.voltage = voltage, r.x = x, r.y = y, r.state = state, r.theta = theta;
+  return r;
+}
+
+// Nodes "name x y [theta]" joined by released edges; orderUpdateId upd.
+std::string Order(const std::string& id, int upd, std::vector<Json> nodes, unsigned seq0 = 0) {
+  Json o{
+      {"orderId", id}, {"orderUpdateId", upd}, {"nodes", Json::array()}, {"edges", Json::array()}};
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
+    Json p{{"x", nodes[i][1]}, {"y", nodes[i][2]}, {"mapId", "map"}};
+    if (nodes[i].size() > 3) p["theta"] = nodes[i][3];
+    o["nodes"].push_back({{"nodeId", nodes[i][0]},
+                          {"sequenceId", seq0 + 2 * i},
+                          {"released", true},
+                          {"actions", Json::array()},
+                          {"nodePosition", p}});
+    if (i > 0)
+      o["edges"].push_back({{"edgeId", "e" + std::to_string(i)},
+                            {"sequenceId", seq0 + 2 * i - 1},
+                            {"released", true},
+                            {"startNodeId", nodes[i - 1][0]},
+                            {"endNodeId", nodes[i][0]},
+                            {"actions", Json::array()}});
+  }
+  return o.dump();
+}
+
+std::vector<std::string> Errors(vda::Bridge& b) {
+  std::vector<std::string> out;
+  const Json state = b.State("t");
+  for (const Json& e : state["errors"]) out.push_back(e["errorType"]);
+  return out;
+}
+
+struct BridgeTest : ::testing::Test {
+  FakeRobot robot;
+  vda::Bridge bridge{vda::Config(), robot};
+  void Online() {
+    bridge.OnInitAck();
+    bridge.OnReport(At(0, 0, -1));
+  }
+};
+
+TEST_F(BridgeTest, OrderIsDrivenInStretchesCutAtHeadings) {
+  Online();
+  bridge.Order(Order("o", 0, {{"a", 0, 0}, {"b", 1.5, 0, 1.5}, {"c", 1.5, -0.25}}));
+  EXPECT_EQ(robot.calls, std::vector<std::string>{"drive 1500 0 0"});
+  bridge.OnPassed();
+  Json s = bridge.State("2026-01-01T00:00:00.000Z");
+  EXPECT_EQ(s["lastNodeId"], "b");
+  EXPECT_EQ(s["lastNodeSequenceId"], 2);
+  EXPECT_EQ(s["nodeStates"].size(), 1u);
+  EXPECT_EQ(s["edgeStates"][0]["edgeId"], "e2");
+  EXPECT_TRUE(s["driving"]);
+  bridge.OnActionEnded();
+  EXPECT_FALSE(bridge.State("t")["driving"]);
+  bridge.OnReport(At(1.5, 0, -1));  // the robot is free again: the turn on node b
+  bridge.OnReport(At(1.5, 0, -1));  // a report sent before the turn arrived
+  bridge.OnReport(At(1.5, 0, 0, 0.7));
+  EXPECT_EQ(robot.calls.size(), 2u);
+  bridge.OnReport(At(1.5, 0, -1, 1.5));
+  EXPECT_EQ(robot.calls,
+            (std::vector<std::string>{"drive 1500 0 0", "turn 1.5", "drive 1500 -250 0"}));
+  bridge.OnPassed();
+  bridge.OnActionEnded();
+  bridge.OnReport(At(1.5, -0.25, -1));
+  s = bridge.State("t");
+  EXPECT_EQ(s["lastNodeId"], "c");
+  EXPECT_TRUE(s["nodeStates"].empty() && !s["driving"] && s["errors"].empty());
+  // One headerId sequence per topic; the charge is linear in the voltage.
+  EXPECT_EQ(s["headerId"], 2);
+  EXPECT_EQ(bridge.Visualization("t")["headerId"], 0);
+  EXPECT_NEAR(s["batteryState"]["batteryCharge"], 50.0, 1e-9);
+  EXPECT_EQ(s["timestamp"], "t");
+  EXPECT_EQ(bridge.Topic("state"), "uagv/v2/tarn/robot-1/state");
+}
+
+TEST_F(BridgeTest, RefusedOrdersLeaveTheRobotAloneAndSayWhy) {
+  bridge.Order(Order("o", 0, {{"a", 0, 0}}));
+  EXPECT_EQ(Errors(bridge), std::vector<std::string>{"orderError"});  // not initialised
+  Online();
+  Json act = Json::parse(Order("o", 0, {{"a", 0, 0}}));
+  act["nodes"][0]["actions"] = Json::array({Json{{"actionId", "k"}, {"actionType", "pick"}}});
+  Json lonely = Json::parse(Order("o", 0, {{"a", 0, 0}, {"b", 1, 0}}));
+  lonely["edges"] = Json::array();
+  bridge.Order(act.dump());
+  bridge.Order(lonely.dump());
+  bridge.Order("{\"orderId\":");
+  bridge.Order(Order("o", 0, {{"a", 3, 0}}));
+  EXPECT_EQ(Errors(bridge), (std::vector<std::string>{"orderError", "orderError", "validationError",
+                                                      "validationError", "noRouteError"}));
+  EXPECT_EQ(bridge.State("t")["errors"][1]["errorReferences"][2]["referenceValue"], "k");
+  EXPECT_TRUE(robot.calls.empty());
+  bridge.Order(Order("o", 3, {{"a", 0, 0}, {"b", 1, 0}}));  // accepted: errors cleared
+  bridge.Order(Order("o", 2, {{"b", 1, 0}}, 2));
+  bridge.Order(Order("o", 4, {{"a", 0, 0}}));  // does not start at the decision point b
+  EXPECT_EQ(Errors(bridge), (std::vector<std::string>{"orderUpdateError", "orderUpdateError"}));
+  bridge.Order(Order("p", 0, {{"a", 0, 0}}));
+  EXPECT_EQ(Errors(bridge).back(), "orderError");  // a new order while one runs
+  bridge.OnActionEnded();                          // the drive ended short of b
+  bridge.OnReport(At(0, 0, 3));
+  EXPECT_EQ(Errors(bridge).back(), "robotBusy");
+  EXPECT_EQ(Errors(bridge)[3], "orderAborted");
+  EXPECT_EQ(robot.calls, std::vector<std::string>{"drive 1000 0 0"});
+}
+
+TEST_F(BridgeTest, InstantActionsMapToRobotCommandsOrFail) {
+  auto actions = [&](std::vector<std::pair<std::string, Json>> list) {
+    Json o{{"actions", Json::array()}};
+    for (auto& [type, params] : list)
+      o["actions"].push_back({{"actionId", type},
+                              {"actionType", type},
+                              {"blockingType", "HARD"},
+                              {"actionParameters", params}});
+    bridge.InstantActions(o.dump());
+  };
+  auto status = [&](const std::string& id) {
+    const Json state = bridge.State("t");
+    for (const Json& a : state["actionStates"])
+      if (a["actionId"] == id) return a["actionStatus"].get<std::string>();
+    return std::string("none");
+  };
+  actions({{"startPause", Json::array()}, {"cancelOrder", Json::array()}});
+  EXPECT_EQ(status("startPause") + status("cancelOrder"), "FAILEDFAILED");
+  EXPECT_EQ(Errors(bridge), (std::vector<std::string>{"unsupportedAction", "noOrderToCancel"}));
+  actions({{"initPosition",
+            {{{"key", "x"}, {"value", 2}},
+             {{"key", "y"}, {"value", -1}},
+             {{"key", "theta"}, {"value", 0.5}},
+             {{"key", "lastNodeId"}, {"value", "n"}}}}});
+  EXPECT_EQ(robot.calls.back(), "init 2000 -1000 0.5");
+  bridge.OnKillAck();
+  EXPECT_EQ(status("initPosition"), "RUNNING");
+  bridge.OnInitAck();
+  bridge.OnReport(At(2, -1, -1, 0.5));
+  EXPECT_EQ(status("initPosition"), "FINISHED");
+  EXPECT_EQ(bridge.State("t")["lastNodeId"], "n");
+  bridge.Order(Order("o", 0, {{"a", 2, -1}, {"b", 3, -1}}));
+  bridge.OnReport(At(2.5, -1, 0, 0.5));
+  actions({{"cancelOrder", Json::array()}, {"factsheetRequest", Json::array()}});
+  EXPECT_EQ(robot.calls.back(), "init 2500 -1000 0.5");  // killed and set down where it is
+  EXPECT_TRUE(bridge.TakeFactsheetDue());
+  EXPECT_TRUE(bridge.State("t")["nodeStates"].empty());
+  bridge.OnKillAck();
+  bridge.OnReport(At(2.5, -1, 5));  // the initialisation refused
+  EXPECT_EQ(status("cancelOrder") + status("factsheetRequest"), "FAILEDFINISHED");
+  bridge.OnServerLost();
+  EXPECT_EQ(Errors(bridge),
+            (std::vector<std::string>{"actionRefused", "controlServerLost", "robotBadParameter"}));
+  EXPECT_EQ(bridge.State("t")["errors"][1]["errorLevel"], "FATAL");
+  EXPECT_EQ(bridge.Factsheet("t")["protocolFeatures"]["agvActions"].size(), 4u);
+}
+
+}  // namespace
