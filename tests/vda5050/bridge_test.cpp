@@ -13,23 +13,21 @@ using vda::Json;
 
 struct FakeRobot : vda::RobotPort {
   std::vector<std::string> calls;
-  bool accept = true;
-  std::string Text(const char* what, std::initializer_list<float> values) {
+  bool Log(const char* what, std::vector<float> values) {
     std::ostringstream out;
     out << what;
     for (float v : values) out << ' ' << v;
-    return out.str();
+    return calls.push_back(out.str()), true;
   }
   bool Drive(const std::vector<std::array<float, 3>>& points) override {
-    std::string text = "drive";
-    for (const auto& p : points) text += Text("", {p[0], p[1], p[2]});
-    calls.push_back(text);
-    return accept;
+    std::vector<float> all;
+    for (const auto& p : points) all.insert(all.end(), p.begin(), p.end());
+    return Log("drive", all);
   }
-  bool Turn(float theta) override { return calls.push_back(Text("turn", {theta})), accept; }
-  bool Speed(int v) override { return calls.push_back(Text("speed", {float(v)})), accept; }
-  void Init(float x, float y, float t) override { calls.push_back(Text("init", {x, y, t})); }
-  void Detail() override { calls.push_back("detail"); }
+  bool Turn(float theta) override { return Log("turn", {theta}); }
+  bool Speed(int v) override { return Log("speed", {float(v)}); }
+  void Init(float x, float y, float t) override { Log("init", {x, y, t}); }
+  void Detail() override { Log("detail", {}); }
 };
 
 vda::Report At(double x, double y, int state, double theta = 0, double voltage = 24.2) {
@@ -40,23 +38,19 @@ vda::Report At(double x, double y, int state, double theta = 0, double voltage =
 
 // Nodes "name x y [theta]" joined by released edges; orderUpdateId upd.
 std::string Order(const std::string& id, int upd, std::vector<Json> nodes, unsigned seq0 = 0) {
-  Json o{
-      {"orderId", id}, {"orderUpdateId", upd}, {"nodes", Json::array()}, {"edges", Json::array()}};
+  Json o = Json::parse(R"({"nodes":[],"edges":[]})");
+  o["orderId"] = id, o["orderUpdateId"] = upd;
   for (std::size_t i = 0; i < nodes.size(); ++i) {
-    Json p{{"x", nodes[i][1]}, {"y", nodes[i][2]}, {"mapId", "map"}};
-    if (nodes[i].size() > 3) p["theta"] = nodes[i][3];
-    o["nodes"].push_back({{"nodeId", nodes[i][0]},
-                          {"sequenceId", seq0 + 2 * i},
-                          {"released", true},
-                          {"actions", Json::array()},
-                          {"nodePosition", p}});
-    if (i > 0)
-      o["edges"].push_back({{"edgeId", "e" + std::to_string(i)},
-                            {"sequenceId", seq0 + 2 * i - 1},
-                            {"released", true},
-                            {"startNodeId", nodes[i - 1][0]},
-                            {"endNodeId", nodes[i][0]},
-                            {"actions", Json::array()}});
+    Json n = Json::parse(R"({"released":true,"actions":[],"nodePosition":{"mapId":"map"}})");
+    n["nodeId"] = nodes[i][0], n["sequenceId"] = seq0 + 2 * i;
+    n["nodePosition"]["x"] = nodes[i][1], n["nodePosition"]["y"] = nodes[i][2];
+    if (nodes[i].size() > 3) n["nodePosition"]["theta"] = nodes[i][3];
+    o["nodes"].push_back(n);
+    if (i == 0) continue;
+    Json e = Json::parse(R"({"released":true,"actions":[]})");
+    e["edgeId"] = "e" + std::to_string(i), e["sequenceId"] = seq0 + 2 * i - 1;
+    e["startNodeId"] = nodes[i - 1][0], e["endNodeId"] = nodes[i][0];
+    o["edges"].push_back(e);
   }
   return o.dump();
 }
@@ -68,26 +62,21 @@ std::vector<std::string> Errors(vda::Bridge& b) {
   return out;
 }
 
-struct BridgeTest : ::testing::Test {
+struct vda5050Core : ::testing::Test {
   FakeRobot robot;
   vda::Bridge bridge{vda::Config(), robot};
-  void Online() {
-    bridge.OnInitAck();
-    bridge.OnReport(At(0, 0, -1));
-  }
+  void Online() { bridge.OnInitAck(), bridge.OnReport(At(0, 0, -1)); }
 };
 
-TEST_F(BridgeTest, OrderIsDrivenInStretchesCutAtHeadings) {
+TEST_F(vda5050Core, OrderIsDrivenInStretchesCutAtHeadings) {
   Online();
   bridge.Order(Order("o", 0, {{"a", 0, 0}, {"b", 1.5, 0, 1.5}, {"c", 1.5, -0.25}}));
   EXPECT_EQ(robot.calls, std::vector<std::string>{"drive 1500 0 0"});
   bridge.OnPassed();
   Json s = bridge.State("2026-01-01T00:00:00.000Z");
-  EXPECT_EQ(s["lastNodeId"], "b");
-  EXPECT_EQ(s["lastNodeSequenceId"], 2);
-  EXPECT_EQ(s["nodeStates"].size(), 1u);
-  EXPECT_EQ(s["edgeStates"][0]["edgeId"], "e2");
-  EXPECT_TRUE(s["driving"]);
+  EXPECT_EQ(Json({s["lastNodeId"], s["lastNodeSequenceId"], s["nodeStates"].size(),
+                  s["edgeStates"][0]["edgeId"], s["driving"]}),
+            Json({"b", 2, 1, "e2", true}));
   bridge.OnActionEnded();
   EXPECT_FALSE(bridge.State("t")["driving"]);
   bridge.OnReport(At(1.5, 0, -1));  // the robot is free again: the turn on node b
@@ -107,11 +96,9 @@ TEST_F(BridgeTest, OrderIsDrivenInStretchesCutAtHeadings) {
   EXPECT_EQ(s["headerId"], 2);
   EXPECT_EQ(bridge.Visualization("t")["headerId"], 0);
   EXPECT_NEAR(s["batteryState"]["batteryCharge"], 50.0, 1e-9);
-  EXPECT_EQ(s["timestamp"], "t");
-  EXPECT_EQ(bridge.Topic("state"), "uagv/v2/tarn/robot-1/state");
 }
 
-TEST_F(BridgeTest, RefusedOrdersLeaveTheRobotAloneAndSayWhy) {
+TEST_F(vda5050Core, RefusedOrdersLeaveTheRobotAloneAndSayWhy) {
   bridge.Order(Order("o", 0, {{"a", 0, 0}}));
   EXPECT_EQ(Errors(bridge), std::vector<std::string>{"orderError"});  // not initialised
   Online();
@@ -140,14 +127,14 @@ TEST_F(BridgeTest, RefusedOrdersLeaveTheRobotAloneAndSayWhy) {
   EXPECT_EQ(robot.calls, std::vector<std::string>{"drive 1000 0 0"});
 }
 
-TEST_F(BridgeTest, InstantActionsMapToRobotCommandsOrFail) {
-  auto actions = [&](std::vector<std::pair<std::string, Json>> list) {
+TEST_F(vda5050Core, InstantActionsMapToRobotCommandsOrFail) {
+  auto actions = [&](std::vector<std::string> types, const char* params = "[]") {
     Json o{{"actions", Json::array()}};
-    for (auto& [type, params] : list)
+    for (auto& type : types)
       o["actions"].push_back({{"actionId", type},
                               {"actionType", type},
                               {"blockingType", "HARD"},
-                              {"actionParameters", params}});
+                              {"actionParameters", Json::parse(params)}});
     bridge.InstantActions(o.dump());
   };
   auto status = [&](const std::string& id) {
@@ -156,14 +143,11 @@ TEST_F(BridgeTest, InstantActionsMapToRobotCommandsOrFail) {
       if (a["actionId"] == id) return a["actionStatus"].get<std::string>();
     return std::string("none");
   };
-  actions({{"startPause", Json::array()}, {"cancelOrder", Json::array()}});
+  actions({"startPause", "cancelOrder"});
   EXPECT_EQ(status("startPause") + status("cancelOrder"), "FAILEDFAILED");
   EXPECT_EQ(Errors(bridge), (std::vector<std::string>{"unsupportedAction", "noOrderToCancel"}));
-  actions({{"initPosition",
-            {{{"key", "x"}, {"value", 2}},
-             {{"key", "y"}, {"value", -1}},
-             {{"key", "theta"}, {"value", 0.5}},
-             {{"key", "lastNodeId"}, {"value", "n"}}}}});
+  actions({"initPosition"}, R"([{"key": "x", "value": 2}, {"key": "y", "value": -1},
+      {"key": "theta", "value": 0.5}, {"key": "lastNodeId", "value": "n"}])");
   EXPECT_EQ(robot.calls.back(), "init 2000 -1000 0.5");
   bridge.OnKillAck();
   EXPECT_EQ(status("initPosition"), "RUNNING");
@@ -173,7 +157,7 @@ TEST_F(BridgeTest, InstantActionsMapToRobotCommandsOrFail) {
   EXPECT_EQ(bridge.State("t")["lastNodeId"], "n");
   bridge.Order(Order("o", 0, {{"a", 2, -1}, {"b", 3, -1}}));
   bridge.OnReport(At(2.5, -1, 0, 0.5));
-  actions({{"cancelOrder", Json::array()}, {"factsheetRequest", Json::array()}});
+  actions({"cancelOrder", "factsheetRequest"});
   EXPECT_EQ(robot.calls.back(), "init 2500 -1000 0.5");  // killed and set down where it is
   EXPECT_TRUE(bridge.TakeFactsheetDue());
   EXPECT_TRUE(bridge.State("t")["nodeStates"].empty());
@@ -184,7 +168,6 @@ TEST_F(BridgeTest, InstantActionsMapToRobotCommandsOrFail) {
   EXPECT_EQ(Errors(bridge),
             (std::vector<std::string>{"actionRefused", "controlServerLost", "robotBadParameter"}));
   EXPECT_EQ(bridge.State("t")["errors"][1]["errorLevel"], "FATAL");
-  EXPECT_EQ(bridge.Factsheet("t")["protocolFeatures"]["agvActions"].size(), 4u);
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""A scripted master control for tarn-vda5050 against a real Mosquitto broker.
-
-master.py SIM BRIDGE broker|fleet. Each robot is a tarn-sim with its own bridge
-in a network namespace of its own (the library connects to 127.0.0.1:6868);
-the bridges reach the broker through its Unix socket, the master over TCP in
-this test's private namespace. Needs root for the namespaces."""
+# A scripted master control for tarn-vda5050 against a real Mosquitto broker.
+#
+# master.py SIM BRIDGE broker|fleet. Each robot is a tarn-sim with its own bridge
+# in a network namespace of its own (the library connects to 127.0.0.1:6868);
+# the bridges reach the broker through its Unix socket, the master over TCP in
+# this test's private namespace. Needs root for the namespaces.
 import collections, json, os, queue, subprocess, sys, tempfile, time
 import paho.mqtt.client as mqtt
 
@@ -25,25 +25,26 @@ def start(cmd, ready):  # starts a program and waits for its line saying it is r
         if ready in line: return p
     sys.exit(f"{cmd[0]} ended before it was ready")
 
-def robot(serial):  # a simulator in a fresh namespace, its bridge joining it
+def bridge(sim, serial):  # a bridge in the simulator's namespace
+    procs.append(subprocess.Popen(["nsenter", "-t", str(sim.pid), "-n", BRIDGE, "--manufacturer", "acme",
+                                   "--serial", serial, "--unix", SOCK, "--viz-rate", "10"]))
+    return procs[-1]
+
+def robot(serial):  # a simulator in a fresh namespace, and its bridge
     sim = start(["unshare", "-n", "sh", "-c", 'ip link set lo up && exec "$@"', "-", SIM, "--quiet"], "listen at")
-    br = subprocess.Popen(["nsenter", "-t", str(sim.pid), "-n", BRIDGE, "--manufacturer", "acme", "--serial",
-                           serial, "--unix", SOCK, "--viz-rate", "10"])
-    procs.append(br)
-    return sim, br
+    return sim, bridge(sim, serial)
 
 def header(serial):
-    return {"headerId": 1, "timestamp": "2026-01-01T00:00:00.00Z", "version": "2.1.0", "manufacturer": "acme",
-            "serialNumber": serial}
+    return dict(headerId=1, timestamp="2026-01-01T00:00:00.00Z", version="2.1.0", manufacturer="acme", serialNumber=serial)
 
-def order(serial, oid, upd, pts, released=99, seq0=0, **extra):
+def order(serial, oid, upd, pts, released=99, seq0=0):
     nodes = [{"nodeId": n, "sequenceId": seq0 + 2 * i, "released": i < released, "actions": [],
               "nodePosition": dict({"x": x, "y": y, "mapId": "map"}, **({"theta": t} if t is not None else {}))}
              for i, (n, x, y, t) in enumerate(pts)]
     edges = [{"edgeId": "e" + a["nodeId"] + b["nodeId"], "sequenceId": a["sequenceId"] + 1,
               "released": b["released"], "startNodeId": a["nodeId"], "endNodeId": b["nodeId"], "actions": []}
              for a, b in zip(nodes, nodes[1:])]
-    return dict(header(serial), orderId=oid, orderUpdateId=upd, nodes=nodes, edges=edges, **extra)
+    return dict(header(serial), orderId=oid, orderUpdateId=upd, nodes=nodes, edges=edges)
 
 def instant(serial, *actions):
     return dict(header(serial), actions=[{"actionId": i, "actionType": t, "blockingType": "HARD",
@@ -63,7 +64,7 @@ class Master:
         self.c.publish(f"uagv/v2/acme/{serial}/{topic}", json.dumps(body))
 
     def until(self, serial, topic, pred, what, timeout=30):
-        """Messages of the topic in order, up to the first that satisfies pred."""
+        # Messages of the topic in order, up to the first that satisfies pred.
         seen, deadline = [], time.monotonic() + timeout
         while not seen or not pred(seen[-1]):
             try: seen.append(self.queues[f"uagv/v2/acme/{serial}/{topic}"].get(timeout=max(0, deadline - time.monotonic())))
@@ -78,10 +79,7 @@ def action(s, aid):
     return next((a["actionStatus"] for a in s["actionStates"] if a["actionId"] == aid), None)
 
 def changes(states, f):  # the distinct successive values of f over the states
-    out = []
-    for s in states:
-        if not out or out[-1] != f(s): out.append(f(s))
-    return out
+    return [v for i, v in enumerate(map(f, states)) if i == 0 or v != f(states[i - 1])]
 
 def done(s, node):
     return s["lastNodeId"] == node and not any(n["released"] for n in s["nodeStates"]) and not s["driving"]
@@ -130,9 +128,7 @@ def scenario_broker(m):
     assert -9 < s["agvPosition"]["x"] < -0.3 and s["agvPosition"]["positionInitialized"], s
     br.kill()
     m.until("r1", "connection", lambda c: c["connectionState"] == "CONNECTIONBROKEN", "the last will")
-    br = subprocess.Popen(["nsenter", "-t", str(sim.pid), "-n", BRIDGE, "--manufacturer", "acme", "--serial", "r1",
-                           "--unix", SOCK])
-    procs.append(br)
+    br = bridge(sim, "r1")
     m.until("r1", "connection", lambda c: c["connectionState"] == "ONLINE", "ONLINE again")
     m.until("r1", "visualization", lambda v: v["agvPosition"]["mapId"] == "map", "a visualization")
     sim.kill()
