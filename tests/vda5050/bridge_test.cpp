@@ -80,14 +80,14 @@ TEST_F(vda5050Core, OrderIsDrivenInStretchesCutAtHeadings) {
   bridge.OnActionEnded();
   EXPECT_FALSE(bridge.State("t")["driving"]);
   bridge.OnReport(At(1.5, 0, -1));  // the robot is free again: the turn on node b
-  bridge.OnReport(At(1.5, 0, -1));  // a report sent before the turn arrived
+  bridge.OnReport(At(1.5, 0, -1));  // reports sent before the turn arrived
+  bridge.OnReport(At(1.5, 0, -1));
   bridge.OnReport(At(1.5, 0, 0, 0.7));
   EXPECT_EQ(robot.calls.size(), 2u);
   bridge.OnReport(At(1.5, 0, -1, 1.5));
   EXPECT_EQ(robot.calls,
             (std::vector<std::string>{"drive 1500 0 0", "turn 1.5", "drive 1500 -250 0"}));
-  bridge.OnPassed();
-  bridge.OnActionEnded();
+  bridge.OnPassed(), bridge.OnActionEnded();
   bridge.OnReport(At(1.5, -0.25, -1));
   s = bridge.State("t");
   EXPECT_EQ(s["lastNodeId"], "c");

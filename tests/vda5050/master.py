@@ -128,6 +128,8 @@ def scenario_broker(m):
     assert -9 < s["agvPosition"]["x"] < -0.3 and s["agvPosition"]["positionInitialized"], s
     br.kill()
     m.until("r1", "connection", lambda c: c["connectionState"] == "CONNECTIONBROKEN", "the last will")
+    m.c.subscribe("uagv/v2/acme/r1/connection", 1)  # a new subscription gets the retained state
+    m.until("r1", "connection", lambda c: c["connectionState"] == "CONNECTIONBROKEN", "the will retained")
     br = bridge(sim, "r1")
     m.until("r1", "connection", lambda c: c["connectionState"] == "ONLINE", "ONLINE again")
     m.until("r1", "visualization", lambda v: v["agvPosition"]["mapId"] == "map", "a visualization")
@@ -142,8 +144,7 @@ def scenario_fleet(m):
     pairs = {serial: robot(serial) for serial in plans}
     for serial, pts in plans.items():
         m.until(serial, "connection", lambda c: c["connectionState"] == "ONLINE", "ONLINE")
-        x, y = pts[0]
-        m.send(serial, "instantActions", instant(serial, ("i", "initPosition", {"x": x, "y": y, "theta": 0})))
+        m.send(serial, "instantActions", instant(serial, ("i", "initPosition", dict(x=pts[0][0], y=pts[0][1], theta=0))))
         m.until(serial, "state", lambda s: action(s, "i") == "FINISHED", "initPosition finished")
     for serial, pts in plans.items():
         m.send(serial, "order", order(serial, "o-" + serial, 0, [(f"n{i}", x, y, None) for i, (x, y) in enumerate(pts)]))
@@ -156,11 +157,10 @@ def scenario_fleet(m):
         assert br.wait(timeout=10) == 0
         m.until(serial, "connection", lambda c: c["connectionState"] == "OFFLINE", "OFFLINE")
 
-broker = None
 try:
     with open(os.path.join(tmp, "mosquitto.conf"), "w") as f:
         f.write(f"user root\nallow_anonymous true\nlistener 1883 127.0.0.1\nlistener 0 {SOCK}\n")
-    broker = start([os.environ.get("MOSQUITTO", "mosquitto"), "-c", os.path.join(tmp, "mosquitto.conf")], " running")
+    start([os.environ.get("MOSQUITTO", "mosquitto"), "-c", os.path.join(tmp, "mosquitto.conf")], " running")
     {"broker": scenario_broker, "fleet": scenario_fleet}[MODE](Master())
     print(f"vda5050 {MODE}: passed")
 finally:
