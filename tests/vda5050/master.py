@@ -10,8 +10,8 @@ import paho.mqtt.client as mqtt
 
 SIM, BRIDGE, MODE = sys.argv[1:4]
 if os.environ.get("VDA_TEST_NS") != "1":
-    if os.geteuid() != 0:
-        sys.exit("vda5050 test: needs root to create network namespaces (unshare -n)")
+    if os.geteuid() != 0 or subprocess.call(["unshare", "-n", "true"], stderr=subprocess.DEVNULL) != 0:
+        sys.exit("vda5050 test: cannot create a network namespace (unshare -n): run it as root")
     os.environ["VDA_TEST_NS"] = "1"
     sys.exit(subprocess.call(["unshare", "-n", "sh", "-c", 'ip link set lo up && exec "$@"', "-",
                               sys.executable, *sys.argv]))
