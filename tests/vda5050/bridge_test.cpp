@@ -107,11 +107,15 @@ TEST_F(vda5050Core, RefusedOrdersLeaveTheRobotAloneAndSayWhy) {
   Json lonely = Json::parse(Order("o", 0, {{"a", 0, 0}, {"b", 1, 0}}));
   lonely["edges"] = Json::array();
   bridge.Order(act.dump());
+  act["nodes"][0]["actions"] = Json::array(),
+  act["nodes"][0]["nodePosition"]["allowedDeviationXY"] = "far";
+  bridge.Order(act.dump());  // a field of the wrong type
   bridge.Order(lonely.dump());
   bridge.Order("{\"orderId\":");
   bridge.Order(Order("o", 0, {{"a", 3, 0}}));
-  EXPECT_EQ(Errors(bridge), (std::vector<std::string>{"orderError", "orderError", "validationError",
-                                                      "validationError", "noRouteError"}));
+  EXPECT_EQ(Errors(bridge),
+            (std::vector<std::string>{"orderError", "orderError", "validationError",
+                                      "validationError", "validationError", "noRouteError"}));
   EXPECT_EQ(bridge.State("t")["errors"][1]["errorReferences"][2]["referenceValue"], "k");
   EXPECT_TRUE(robot.calls.empty());
   bridge.Order(Order("o", 3, {{"a", 0, 0}, {"b", 1, 0}}));  // accepted: errors cleared

@@ -19,8 +19,7 @@ tmp = tempfile.mkdtemp()
 SOCK, procs = os.path.join(tmp, "broker.sock"), []
 
 def start(cmd, ready):  # starts a program and waits for its line saying it is ready
-    p = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-    procs.append(p)
+    procs.append(p := subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True))
     for line in p.stdout:
         if ready in line: return p
     sys.exit(f"{cmd[0]} ended before it was ready")
@@ -87,9 +86,8 @@ def done(s, node):
 def scenario_broker(m):
     sim, br = robot("r1")
     m.until("r1", "connection", lambda c: c["connectionState"] == "ONLINE", "ONLINE")
-    fs = m.until("r1", "factsheet", lambda f: True, "a factsheet")[-1]
-    assert sorted(a["actionType"] for a in fs["protocolFeatures"]["agvActions"]) == [
-        "cancelOrder", "factsheetRequest", "initPosition", "stateRequest"], fs
+    fs = m.until("r1", "factsheet", lambda f: True, "a factsheet")[-1]["protocolFeatures"]["agvActions"]
+    assert sorted(a["actionType"] for a in fs) == ["cancelOrder", "factsheetRequest", "initPosition", "stateRequest"]
     ok = order("r1", "o1", 0, [("a", 0, 0, None), ("b", 1, 0, 1.5708), ("c", 1, 1, None), ("d", 0, 1, None)], 3)
     m.send("r1", "order", ok)
     m.until("r1", "state", lambda s: error(s, "orderError", "orderId", "o1") and s["orderId"] == "", "no init")
@@ -118,8 +116,6 @@ def scenario_broker(m):
     s = m.until("r1", "state", lambda s: done(s, "d"), "o1 update done")[-1]
     assert (s["orderUpdateId"], s["lastNodeSequenceId"], s["errors"]) == (1, 6, []), s
     assert abs(s["agvPosition"]["x"]) < 1e-3 and abs(s["agvPosition"]["y"] - 1) < 1e-3, s
-    m.send("r1", "order", order("r1", "o1", 0, [("d", 0, 1, None)]))
-    m.until("r1", "state", lambda s: error(s, "orderUpdateError", "orderUpdateId", "0"), "stale update")
     m.send("r1", "order", order("r1", "o2", 0, [("d", 0, 1, None), ("far", -9, 1, None)]))
     m.until("r1", "visualization", lambda v: v["agvPosition"]["x"] < -0.3, "the robot under way")
     m.send("r1", "instantActions", instant("r1", ("c1", "cancelOrder", {}), ("s1", "stateRequest", {})))

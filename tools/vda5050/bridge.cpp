@@ -193,7 +193,9 @@ bool Bridge::Valid(const Json& o, std::vector<Node>& nodes, std::vector<Edge>& e
   return true;
 }
 
-void Bridge::Order(const std::string& payload) {
+// A field of an unexpected type that the checks above let through (the
+// library of JSON throws on it) makes the order malformed, not the bridge fail.
+void Bridge::Order(const std::string& payload) try {
   state_due_ = true;
   const Json o = Json::parse(payload, nullptr, false);
   std::vector<Node> nodes;
@@ -231,6 +233,8 @@ void Bridge::Order(const std::string& payload) {
   if (off > (allowed > 0 ? allowed : kDefaultDeviation))
     return Error("noRouteError", "the first node is not where the robot stands", refs);
   Accept(o, std::move(nodes), std::move(edges), false);
+} catch (const Json::exception& e) {
+  Error("validationError", e.what(), {{"topic", "order"}});
 }
 
 void Bridge::Accept(const Json& o, std::vector<Node> nodes, std::vector<Edge> edges, bool update) {
@@ -394,7 +398,7 @@ void Bridge::OnServerLost() {
   phase_ = Phase::kIdle;
 }
 
-void Bridge::InstantActions(const std::string& payload) {
+void Bridge::InstantActions(const std::string& payload) try {
   state_due_ = true;
   const Json o = Json::parse(payload, nullptr, false);
   const std::vector<std::pair<std::string, std::string>> topic{{"topic", "instantActions"}};
@@ -466,6 +470,8 @@ void Bridge::InstantActions(const std::string& payload) {
       fail("unsupportedAction", "this robot cannot perform " + type);
     }
   }
+} catch (const Json::exception& e) {
+  Error("validationError", e.what(), {{"topic", "instantActions"}});
 }
 
 void Bridge::Reset(const std::string& id, double x, double y, double theta) {
@@ -482,7 +488,7 @@ Json Bridge::Position() const {
           {"y", report_.y},
           {"theta", report_.theta},
           {"mapId", cfg_.map_id},
-          {"positionInitialized", initialized_}};
+          {"positionInitialized", initialized_ && report_.online != "offline"}};
 }
 
 Json Bridge::State(const std::string& timestamp) {

@@ -121,8 +121,12 @@ bool Parse(int argc, char** argv, Options& o) {
       have_manufacturer |= arg == "--manufacturer";
       have_serial |= arg == "--serial";
     } else if (numbers.count(arg) && value) {
-      if (!Number(argv[++i], *numbers[arg]) || *numbers[arg] < 0) {
-        std::cerr << "tarn-vda5050: " << arg << " needs a number >= 0\n";
+      // Bounded so that the loop never spins: at most 100 messages a second.
+      const bool viz = arg == "--viz-rate";
+      double& v = *numbers[arg];
+      if (!Number(argv[++i], v) || (viz ? v < 0 || v > 100 : v < 0.01)) {
+        std::cerr << "tarn-vda5050: " << arg
+                  << (viz ? " needs 0 to 100\n" : " needs at least 0.01\n");
         return false;
       }
     } else if (arg == "--port" && value) {
@@ -163,6 +167,7 @@ struct Mqtt {
   mosquitto* mosq = nullptr;
   vda::Bridge* bridge = nullptr;
   bool connected = false;
+  bool refused = false;
 };
 
 void Publish(Mqtt& m, const std::string& topic, const vda::Json& message, int qos, bool retain) {
@@ -200,7 +205,13 @@ int Run(const Options& o) {
   }
   mosquitto_connect_callback_set(m.mosq, [](mosquitto* mosq, void* data, int rc) {
     Mqtt& m = *static_cast<Mqtt*>(data);
-    if (rc != 0) return;
+    if (rc != 0) {
+      // Refused credentials or protocol: retrying will not help.
+      std::cerr << "tarn-vda5050: broker refused the connection: " << mosquitto_connack_string(rc)
+                << "\n";
+      m.refused = true;
+      return;
+    }
     m.connected = true;
     for (const char* topic : {"order", "instantActions"})
       mosquitto_subscribe(mosq, nullptr, m.bridge->Topic(topic).c_str(), 0);
@@ -275,6 +286,7 @@ int Run(const Options& o) {
         next_viz = now + std::chrono::duration_cast<Clock::duration>(viz_period);
       }
     }
+    if (m.refused) exit_code = kExitBroker;
     if (g_stop || exit_code != kExitStopped) break;
 
     // Wait for either connection, or the next periodic message.
