@@ -85,7 +85,7 @@ def done(s, node):
 
 def scenario_broker(m):
     sim, br = robot("r1")
-    m.until("r1", "connection", lambda c: c["connectionState"] == "ONLINE", "ONLINE")
+    assert [c["connectionState"] for c in m.until("r1", "connection", lambda c: c["connectionState"] == "ONLINE", "ONLINE")] == ["ONLINE"]
     fs = m.until("r1", "factsheet", lambda f: True, "a factsheet")[-1]["protocolFeatures"]["agvActions"]
     assert sorted(a["actionType"] for a in fs) == ["cancelOrder", "factsheetRequest", "initPosition", "stateRequest"]
     ok = order("r1", "o1", 0, [("a", 0, 0, None), ("b", 1, 0, 1.5708), ("c", 1, 1, None), ("d", 0, 1, None)], 3)

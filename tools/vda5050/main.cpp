@@ -237,6 +237,7 @@ int Run(const Options& o) {
   const auto viz_period = std::chrono::duration<double>(o.viz_rate > 0 ? 1 / o.viz_rate : 0);
   const auto state_period = std::chrono::duration<double>(o.state_interval);
   Clock::time_point next_viz = Clock::now(), next_state = Clock::now(), next_retry = Clock::now();
+  bool link = true;  // a connection to the broker is up or being acknowledged
   int exit_code = kExitStopped;
   for (;;) {
     // The robot's frames are filed first so that each can be looked at in
@@ -307,15 +308,18 @@ int Run(const Options& o) {
     if (mrc == MOSQ_ERR_SUCCESS && (fds[0].revents & POLLOUT))
       mrc = mosquitto_loop_write(m.mosq, 1);
     if (mrc == MOSQ_ERR_SUCCESS) mrc = mosquitto_loop_misc(m.mosq);
-    if (mrc != MOSQ_ERR_SUCCESS && m.connected) {
-      m.connected = false;
-      std::cerr << "tarn-vda5050: broker connection lost: " << mosquitto_strerror(mrc) << "\n";
+    if (mrc != MOSQ_ERR_SUCCESS && link) {
+      if (m.connected)
+        std::cerr << "tarn-vda5050: broker connection lost: " << mosquitto_strerror(mrc) << "\n";
+      link = m.connected = false;
     }
     // The robot keeps driving its order while the broker is away; the link
-    // is tried again once a second.
-    if (!m.connected && Clock::now() >= next_retry) {
+    // is tried again once a second. (Not while a connection waits for its
+    // acknowledgement: a second one would make the broker drop the first and
+    // publish its last will.)
+    if (!link && Clock::now() >= next_retry) {
       next_retry = Clock::now() + std::chrono::seconds(1);
-      mosquitto_reconnect(m.mosq);
+      link = mosquitto_reconnect(m.mosq) == MOSQ_ERR_SUCCESS;
     }
   }
 
