@@ -5,7 +5,7 @@
 # in a network namespace of its own (the library connects to 127.0.0.1:6868);
 # the bridges reach the broker through its Unix socket, the master over TCP in
 # this test's private namespace. Needs root for the namespaces.
-import collections, json, os, queue, subprocess, sys, tempfile, time
+import collections, json, os, queue, shutil, subprocess, sys, tempfile, time
 import paho.mqtt.client as mqtt
 
 SIM, BRIDGE, MODE = sys.argv[1:4]
@@ -160,6 +160,5 @@ try:
     {"broker": scenario_broker, "fleet": scenario_fleet}[MODE](Master())
     print(f"vda5050 {MODE}: passed")
 finally:
-    for p in reversed(procs):
-        p.kill()
-        p.wait()
+    for p in reversed(procs): p.kill(), p.wait()
+    shutil.rmtree(tmp, ignore_errors=True)
