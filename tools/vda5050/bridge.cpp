@@ -16,6 +16,10 @@ constexpr double kSpeedMin = 0.3, kSpeedMax = 1.3;
 constexpr double kDefaultDeviation = 0.1;
 // Headings closer than this need no turn (reports carry four decimals).
 constexpr double kThetaTolerance = 1e-3;
+// A master that keeps sending what is refused must not grow the state without
+// bound: the oldest bridge errors and settled action states make room. The
+// factsheet announces the limits (one more error: the robot's own).
+constexpr std::size_t kMaxErrors = 31, kMaxActionStates = 64;
 
 bool Str(const Json& j, const char* k) {
   return j.contains(k) && j[k].is_string();
@@ -79,6 +83,7 @@ void Bridge::Error(const std::string& type, const std::string& text,
                    std::vector<std::pair<std::string, std::string>> refs, const char* level) {
   Json r = Json::array();
   for (auto& [k, v] : refs) r.push_back({{"referenceKey", k}, {"referenceValue", v}});
+  if (errors_.size() == kMaxErrors) errors_.erase(errors_.begin());
   errors_.push_back({{"errorType", type},
                      {"errorLevel", level},
                      {"errorDescription", text},
@@ -411,6 +416,12 @@ void Bridge::InstantActions(const std::string& payload) try {
     const std::string id = a["actionId"], type = a["actionType"];
     const std::vector<std::pair<std::string, std::string>> refs{{"actionId", id},
                                                                 {"actionType", type}};
+    if (actions_.size() >= kMaxActionStates) {
+      auto settled = std::find_if(actions_.begin(), actions_.end(), [](const ActionState& s) {
+        return s.status == "FINISHED" || s.status == "FAILED";
+      });
+      if (settled != actions_.end()) actions_.erase(settled);
+    }
     actions_.push_back({id, type, "WAITING", ""});
     std::map<std::string, Json> params;
     if (Arr(a, "actionParameters"))
@@ -577,7 +588,11 @@ Json Bridge::Factsheet(const std::string& timestamp) {
                              {"length", 0}};
   f["protocolLimits"] = {
       {"maxStringLens", Json::object()},
-      {"maxArrayLens", {{"order.nodes", 0}, {"node.actions", 0}, {"edge.actions", 0}}},
+      {"maxArrayLens",
+       {{"node.actions", 0},
+        {"edge.actions", 0},
+        {"state.errors", kMaxErrors + 1},
+        {"state.actionStates", kMaxActionStates}}},
       {"timing", {{"minOrderInterval", 0}, {"minStateInterval", 0}, {"defaultStateInterval", 30}}}};
   f["protocolFeatures"] = {
       {"optionalParameters",
