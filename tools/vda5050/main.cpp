@@ -1,0 +1,369 @@
+// tarn-vda5050: one robot behind this SDK as a VDA 5050 vehicle on an MQTT
+// broker. One poll() loop serves both connections: the broker's (libmosquitto,
+// driven by hand) and the control server's (Robot::Handle).
+
+#include <mosquitto.h>
+#include <poll.h>
+#include <signal.h>
+
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <unordered_map>
+
+#include "bridge.h"
+#include "robot/robot.h"
+#include "tarn_config.h"
+
+namespace {
+
+// Exit codes, documented in the usage text and docs/vda5050.md.
+constexpr int kExitStopped = 0, kExitFailure = 1, kExitUsage = 2, kExitServer = 3, kExitBroker = 4;
+// A flood of frames must not keep one step from ever ending.
+constexpr int kMaxFramesPerStep = 1000;
+
+volatile std::sig_atomic_t g_stop = 0;
+void OnSignal(int) {
+  g_stop = 1;
+}
+
+using Clock = std::chrono::steady_clock;
+
+std::string Now() {
+  const auto now = std::chrono::system_clock::now();
+  const std::time_t t = std::chrono::system_clock::to_time_t(now);
+  const long ms =
+      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+  std::tm tm{};
+  gmtime_r(&t, &tm);
+  char text[64];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", tm.tm_year + 1900,
+                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ms);
+  return text;
+}
+
+void Usage(std::ostream& out) {
+  out << "Usage: tarn-vda5050 --manufacturer M --serial S [options]\n"
+         "\n"
+         "Makes the robot behind the control server at " TARN_SERVER_ADDRESS
+         " a VDA 5050 vehicle on an MQTT broker,\n"
+         "under the topics <interface>/v2/<manufacturer>/<serial>/...\n"
+         "\n"
+         "  --host H            broker host (default 127.0.0.1)\n"
+         "  --port N            broker port (default 1883, 8883 with --cafile)\n"
+         "  --unix PATH         broker's Unix socket instead of host and port\n"
+         "  --user U --password P   broker credentials\n"
+         "  --cafile F          TLS, trusting the CA certificates in F\n"
+         "  --interface NAME    first topic level (default uagv)\n"
+         "  --map-id ID         the one map this robot knows (default map)\n"
+         "  --viz-rate HZ       visualization messages per second, 0 for none (default 1)\n"
+         "  --state-interval S  state at least every S seconds (default 30)\n"
+         "  --battery V0 V1     voltages read as 0 % and 100 % charge (default 22.0 26.4)\n"
+         "\n"
+         "Exit status: 0 stopped by SIGINT/SIGTERM, 2 bad arguments, 3 control server\n"
+         "unreachable or lost, 4 broker unreachable, 1 anything else.\n";
+}
+
+// The bridge's commands, carried out with the library's Robot.
+struct RobotCommands : vda::RobotPort {
+  Robot& robot;
+  explicit RobotCommands(Robot& r) : robot(r) {}
+  bool Drive(const std::vector<std::array<float, 3>>& points) override {
+    std::vector<std::array<float, 3>> copy = points;
+    std::deque<float*> list;
+    for (auto& p : copy) list.push_back(p.data());
+    return robot.SetPosition(list);
+  }
+  bool Turn(float theta) override { return robot.SetOrientation(theta); }
+  bool Speed(int v) override { return robot.SetVelocity(v); }
+  void Init(float x, float y, float theta) override { robot.Init(x, y, theta); }
+  void Detail() override { robot.GetDetial(); }
+};
+
+struct Options {
+  vda::Config config;
+  std::string host = "127.0.0.1", unix_path, user, password, cafile;
+  int port = 0;
+  double viz_rate = 1, state_interval = 30;
+};
+
+bool Number(const char* text, double& out) {
+  char* end = nullptr;
+  out = std::strtod(text, &end);
+  return end != text && *end == '\0' && std::isfinite(out);
+}
+
+// Fills options; returns false with a message on standard error.
+bool Parse(int argc, char** argv, Options& o) {
+  std::unordered_map<std::string, std::string*> texts{{"--host", &o.host},
+                                                      {"--unix", &o.unix_path},
+                                                      {"--user", &o.user},
+                                                      {"--password", &o.password},
+                                                      {"--cafile", &o.cafile},
+                                                      {"--interface", &o.config.interface_name},
+                                                      {"--map-id", &o.config.map_id},
+                                                      {"--manufacturer", &o.config.manufacturer},
+                                                      {"--serial", &o.config.serial}};
+  std::unordered_map<std::string, double*> numbers{{"--viz-rate", &o.viz_rate},
+                                                   {"--state-interval", &o.state_interval}};
+  bool have_manufacturer = false, have_serial = false;
+  double port = 0;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    const bool value = i + 1 < argc;
+    if (texts.count(arg) && value) {
+      *texts[arg] = argv[++i];
+      have_manufacturer |= arg == "--manufacturer";
+      have_serial |= arg == "--serial";
+    } else if (numbers.count(arg) && value) {
+      // Bounded so that the loop never spins: at most 100 messages a second.
+      const bool viz = arg == "--viz-rate";
+      double& v = *numbers[arg];
+      if (!Number(argv[++i], v) || (viz ? v < 0 || v > 100 : v < 0.01)) {
+        std::cerr << "tarn-vda5050: " << arg
+                  << (viz ? " needs 0 to 100\n" : " needs at least 0.01\n");
+        return false;
+      }
+    } else if (arg == "--port" && value) {
+      if (!Number(argv[++i], port) || port < 1 || port > 65535 || port != std::floor(port)) {
+        std::cerr << "tarn-vda5050: --port needs a number from 1 to 65535\n";
+        return false;
+      }
+    } else if (arg == "--battery" && i + 2 < argc) {
+      if (!Number(argv[i + 1], o.config.battery_empty_v) ||
+          !Number(argv[i + 2], o.config.battery_full_v) ||
+          o.config.battery_full_v <= o.config.battery_empty_v) {
+        std::cerr << "tarn-vda5050: --battery needs two voltages, the lower first\n";
+        return false;
+      }
+      i += 2;
+    } else {
+      std::cerr << "tarn-vda5050: unknown or incomplete option '" << arg << "'\n";
+      return false;
+    }
+  }
+  if (!have_manufacturer || !have_serial) {
+    std::cerr << "tarn-vda5050: --manufacturer and --serial are required\n";
+    return false;
+  }
+  // Topic levels must not contain the MQTT separators and wildcards.
+  for (const std::string* level :
+       {&o.config.interface_name, &o.config.manufacturer, &o.config.serial}) {
+    if (level->empty() || level->find_first_of("/#+$") != std::string::npos) {
+      std::cerr << "tarn-vda5050: '" << *level << "' cannot be a topic level\n";
+      return false;
+    }
+  }
+  o.port = port > 0 ? static_cast<int>(port) : o.cafile.empty() ? 1883 : 8883;
+  return true;
+}
+
+struct Mqtt {
+  mosquitto* mosq = nullptr;
+  vda::Bridge* bridge = nullptr;
+  bool connected = false;
+  bool refused = false;
+};
+
+void Publish(Mqtt& m, const std::string& topic, const vda::Json& message, int qos, bool retain) {
+  const std::string text = message.dump();
+  mosquitto_publish(m.mosq, nullptr, topic.c_str(), static_cast<int>(text.size()), text.data(), qos,
+                    retain);
+}
+
+int Run(const Options& o) {
+  // The robot first: without the control server there is nothing to offer.
+  Robot robot;
+  if (!robot.connected) {
+    std::cerr << "tarn-vda5050: control server " TARN_SERVER_ADDRESS " unreachable\n";
+    return kExitServer;
+  }
+  RobotCommands commands(robot);
+  vda::Bridge bridge(o.config, commands);
+  Mqtt m;
+  m.bridge = &bridge;
+
+  mosquitto_lib_init();
+  const std::string client_id = "tarn-vda5050-" + o.config.serial;
+  m.mosq = mosquitto_new(client_id.c_str(), true, &m);
+  if (m.mosq == nullptr) throw std::bad_alloc();
+  const std::string will = bridge.Connection(Now(), "CONNECTIONBROKEN").dump();
+  mosquitto_will_set(m.mosq, bridge.Topic("connection").c_str(), static_cast<int>(will.size()),
+                     will.data(), 1, true);
+  if (!o.user.empty())
+    mosquitto_username_pw_set(m.mosq, o.user.c_str(),
+                              o.password.empty() ? nullptr : o.password.c_str());
+  if (!o.cafile.empty() && mosquitto_tls_set(m.mosq, o.cafile.c_str(), nullptr, nullptr, nullptr,
+                                             nullptr) != MOSQ_ERR_SUCCESS) {
+    std::cerr << "tarn-vda5050: cannot use the CA file " << o.cafile << "\n";
+    return kExitUsage;
+  }
+  mosquitto_connect_callback_set(m.mosq, [](mosquitto* mosq, void* data, int rc) {
+    Mqtt& m = *static_cast<Mqtt*>(data);
+    if (rc != 0) {
+      // Refused credentials or protocol: retrying will not help.
+      std::cerr << "tarn-vda5050: broker refused the connection: " << mosquitto_connack_string(rc)
+                << "\n";
+      m.refused = true;
+      return;
+    }
+    m.connected = true;
+    for (const char* topic : {"order", "instantActions"})
+      mosquitto_subscribe(mosq, nullptr, m.bridge->Topic(topic).c_str(), 0);
+    Publish(m, m.bridge->Topic("connection"), m.bridge->Connection(Now(), "ONLINE"), 1, true);
+    Publish(m, m.bridge->Topic("factsheet"), m.bridge->Factsheet(Now()), 0, true);
+  });
+  mosquitto_message_callback_set(m.mosq, [](mosquitto*, void* data, const mosquitto_message* msg) {
+    Mqtt& m = *static_cast<Mqtt*>(data);
+    const std::string payload(static_cast<const char*>(msg->payload), msg->payloadlen);
+    const std::string topic = msg->topic;
+    if (topic == m.bridge->Topic("order")) m.bridge->Order(payload);
+    if (topic == m.bridge->Topic("instantActions")) m.bridge->InstantActions(payload);
+  });
+  // The standard asks for a heartbeat around 15 s, so that a vanished bridge
+  // is declared CONNECTIONBROKEN soon.
+  const int rc = o.unix_path.empty() ? mosquitto_connect(m.mosq, o.host.c_str(), o.port, 15)
+                                     : mosquitto_connect(m.mosq, o.unix_path.c_str(), 0, 15);
+  if (rc != MOSQ_ERR_SUCCESS) {
+    std::cerr << "tarn-vda5050: broker unreachable: " << mosquitto_strerror(rc) << "\n";
+    return kExitBroker;
+  }
+
+  const auto viz_period = std::chrono::duration<double>(o.viz_rate > 0 ? 1 / o.viz_rate : 0);
+  const auto state_period = std::chrono::duration<double>(o.state_interval);
+  Clock::time_point next_viz = Clock::now(), next_state = Clock::now(), next_retry = Clock::now();
+  bool link = true;  // a connection to the broker is up or being acknowledged
+  int exit_code = kExitStopped;
+  for (;;) {
+    // The robot's frames are filed first so that each can be looked at in
+    // arrival order; Handle then applies them as usual and sends the queue.
+    std::unordered_map<std::string, std::size_t> seen;
+    for (const auto& entry : m_msg.inbox) seen[entry.first] = entry.second.size();
+    std::vector<Message_RTS> arrived;
+    for (int i = 0; robot.connected && i < kMaxFramesPerStep; ++i) {
+      const int result = recv_msg(m_socket, m_msg);
+      for (const auto& entry : m_msg.inbox)
+        for (std::size_t& n = seen[entry.first]; n < entry.second.size(); ++n)
+          arrived.push_back(entry.second[n]);
+      if (result == 0 || result == -2) break;
+    }
+    robot.Handle();
+    for (const Message_RTS& msg : arrived) {
+      vda::Report r;
+      if (msg.key == KEY_DETAIL && vda::ParseReport(msg.text_param1, msg.text_param3, r))
+        bridge.OnReport(r);
+      if (msg.key == KEY_INIT) bridge.OnInitAck();
+      if (msg.key == KEY_KILL) bridge.OnKillAck();
+      if (msg.key == KEY_ACTION && msg.text_param1 == "path") bridge.OnPassed();
+      if (msg.key == KEY_ACTION && msg.text_param1 == "action") bridge.OnActionEnded();
+    }
+    // Frames that came in after the drain were applied by Handle unseen;
+    // the list of running actions still shows what they did.
+    while (bridge.Driving() &&
+           bridge.Remaining() > (acts.empty() ? 0 : acts.front().second.path.size()))
+      bridge.OnPassed();
+    if (bridge.Driving() && acts.empty()) bridge.OnActionEnded();
+    if (robot.online && !bridge.Initialized()) bridge.OnInitAck();
+    if (!robot.connected) {
+      bridge.OnServerLost();
+      exit_code = kExitServer;
+    }
+
+    const Clock::time_point now = Clock::now();
+    if (m.connected) {
+      if (bridge.TakeStateDue() || now >= next_state) {
+        Publish(m, bridge.Topic("state"), bridge.State(Now()), 0, false);
+        next_state = now + std::chrono::duration_cast<Clock::duration>(state_period);
+      }
+      if (bridge.TakeFactsheetDue())
+        Publish(m, bridge.Topic("factsheet"), bridge.Factsheet(Now()), 0, true);
+      if (o.viz_rate > 0 && now >= next_viz) {
+        Publish(m, bridge.Topic("visualization"), bridge.Visualization(Now()), 0, false);
+        next_viz = now + std::chrono::duration_cast<Clock::duration>(viz_period);
+      }
+    }
+    if (m.refused) exit_code = kExitBroker;
+    if (g_stop || exit_code != kExitStopped) break;
+
+    // Wait for either connection, or the next periodic message.
+    pollfd fds[2] = {{mosquitto_socket(m.mosq), POLLIN, 0}, {-1, POLLIN, 0}};
+    if (mosquitto_want_write(m.mosq)) fds[0].events |= POLLOUT;
+    if (robot.connected) fds[1].fd = m_socket.m_sock;
+    Clock::time_point wake = std::min(next_state, now + std::chrono::seconds(1));
+    if (o.viz_rate > 0) wake = std::min(wake, next_viz);
+    // What the bridge queued just now goes out as soon as the connection
+    // takes it.
+    for (const auto& entry : m_msg.outbox)
+      for (const Message_RTS& queued : entry.second)
+        if (queued.key != KEY_NONE) fds[1].events |= POLLOUT;
+    const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(wake - now).count();
+    poll(fds, 2, static_cast<int>(std::max<long long>(0, wait)));
+    int mrc = MOSQ_ERR_SUCCESS;
+    if (fds[0].revents & (POLLIN | POLLERR | POLLHUP)) mrc = mosquitto_loop_read(m.mosq, 1);
+    if (mrc == MOSQ_ERR_SUCCESS && (fds[0].revents & POLLOUT))
+      mrc = mosquitto_loop_write(m.mosq, 1);
+    if (mrc == MOSQ_ERR_SUCCESS) mrc = mosquitto_loop_misc(m.mosq);
+    if (mrc != MOSQ_ERR_SUCCESS && link) {
+      if (m.connected)
+        std::cerr << "tarn-vda5050: broker connection lost: " << mosquitto_strerror(mrc) << "\n";
+      link = m.connected = false;
+    }
+    // The robot keeps driving its order while the broker is away; the link
+    // is tried again once a second. (Not while a connection waits for its
+    // acknowledgement: a second one would make the broker drop the first and
+    // publish its last will.)
+    if (!link && Clock::now() >= next_retry) {
+      next_retry = Clock::now() + std::chrono::seconds(1);
+      link = mosquitto_reconnect(m.mosq) == MOSQ_ERR_SUCCESS;
+    }
+  }
+
+  // Orderly stop: the retained connection state says why the vehicle left.
+  // A lost control server is CONNECTIONBROKEN, the state sent just before
+  // carries the fatal error.
+  if (m.connected) {
+    Publish(m, bridge.Topic("connection"),
+            bridge.Connection(Now(), exit_code == kExitStopped ? "OFFLINE" : "CONNECTIONBROKEN"), 1,
+            true);
+    // Let the QoS 1 publication go out before disconnecting, bounded in time.
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(2);
+    while (mosquitto_want_write(m.mosq) && Clock::now() < deadline) {
+      pollfd fd{mosquitto_socket(m.mosq), POLLOUT, 0};
+      if (poll(&fd, 1, 100) > 0 && mosquitto_loop_write(m.mosq, 1) != MOSQ_ERR_SUCCESS) break;
+    }
+    mosquitto_disconnect(m.mosq);
+    mosquitto_loop_write(m.mosq, 1);
+  }
+  mosquitto_destroy(m.mosq);
+  mosquitto_lib_cleanup();
+  if (exit_code == kExitServer) std::cerr << "tarn-vda5050: control server connection lost\n";
+  return exit_code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i)
+    if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0)
+      return Usage(std::cout), 0;
+  if (!Parse(argc, argv, options)) return Usage(std::cerr), kExitUsage;
+  // No SA_RESTART: a signal interrupts poll() so the loop stops at once.
+  struct sigaction action {};
+  action.sa_handler = OnSignal;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+  try {
+    return Run(options);
+  } catch (const std::exception& e) {
+    // Malformed frames can make the library's decoders throw.
+    std::cerr << "tarn-vda5050: " << e.what() << "\n";
+    return kExitFailure;
+  }
+}
