@@ -18,7 +18,7 @@ TARN_TEST_PACKAGES=(
   libmosquitto-dev mosquitto mosquitto-clients  # the VDA 5050 bridge, its broker
   python3-paho-mqtt                             # the bridge tests' scripted master
   chromium chromium-driver python3-selenium     # the live view's browser test
-  iproute2                                      # loopback inside private network namespaces
+  iproute2 util-linux                           # loopback inside private network namespaces
 )
 
 # require_packages NAME...: installs the missing ones with apt-get, saying
