@@ -46,11 +46,11 @@ tree)
 layout)
   prefix=$1 libdir=$2 readelf=$3
   lib=$prefix/$libdir
-  for header in msg/msg.h msg/export.h net/Socket.h robot/robot.h; do
+  for header in msg/msg.h tarn_export.h net/Socket.h robot/robot.h; do
     [[ -f $prefix/include/TarnSDK/$header ]] || fail "public header $header not installed"
   done
   # Exactly the four public headers: nothing internal rides along.
-  extra=$(find "$prefix/include" -type f | grep -vE '/include/TarnSDK/(msg/msg|msg/export|net/Socket|robot/robot)\.h$')
+  extra=$(find "$prefix/include" -type f | grep -vE '/include/TarnSDK/(msg/msg|tarn_export|net/Socket|robot/robot)\.h$')
   [[ -z $extra ]] || fail "unexpected files under include/: $extra"
   [[ $(readlink "$lib/libTarnSDK.so") == libTarnSDK.so.1 ]] || fail "libTarnSDK.so does not link to libTarnSDK.so.1"
   real=$(readlink "$lib/libTarnSDK.so.1")
