@@ -1,18 +1,44 @@
-// Frame building and cutting as pure functions of the reassembly buffer. The
-// socket glue around them (recv_msg) is driven from a scripted peer in the
-// fault tests.
+// The frame writer on the path that really sends, and frame cutting as a pure
+// function of the reassembly buffer. The socket glue of recv_msg is driven
+// from a scripted peer in the fault tests.
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstddef>
+#include <cstdlib>
+#include <new>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "msg/frame.h"
 #include "msg/msg.h"
+#include "net/Socket.h"
 #include "tests/support/wire.h"
 
 using wire::hex;
+
+// While armed, every allocation size is recorded and anything above 1 MiB is
+// refused, so that a receive path that allocates what a length word asks for
+// fails at once instead of after gigabytes.
+static bool armed = false;
+static std::size_t largest = 0;
+
+void* operator new(std::size_t size) {
+  if (armed && size > largest) largest = size;
+  if (armed && size > (1u << 20)) throw std::bad_alloc();
+  if (void* p = std::malloc(size ? size : 1)) return p;
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+  std::free(p);
+}
 
 namespace {
 
@@ -24,29 +50,62 @@ std::string frame(const std::string& sender, RTS_key key, int tag = 0) {
   return wire::frame(body(sender, key, tag));
 }
 
-// Bytes that a body may hold and that must not confuse the cutter.
-std::string filler(std::size_t n) {
-  std::string out;
-  for (std::size_t i = 0; i < n; ++i) out.push_back("#;\0"[i % 3]);
-  return out;
+const char kNotice[] = "\t socket  alinement protection \n";
+
+// What the receiver without the allocation bound does with one buffered
+// frame: the direct stream decoder over everything behind the header.
+// "throw" for a length error, "" when nothing is filed, else the encoding.
+std::string unbounded_outcome(const std::string& buffer) {
+  std::stringstream in(buffer.substr(frame_header_size));
+  Message_RTS m;
+  try {
+    return m.decode(in) ? m.str() : "";
+  } catch (const std::length_error&) {
+    return "throw";
+  }
 }
 
-const char kNotice[] = "\t socket  alinement protection \n";
+std::string bounded_outcome(std::string buffer) {
+  MailBox box;
+  const std::string before = buffer;
+  try {
+    if (file_frame(buffer, box, 1) == 0) return buffer == before ? "" : "buffer changed";
+  } catch (const std::length_error&) {
+    return buffer == before ? "throw" : "buffer changed";
+  }
+  return box.inbox.begin()->second.front().str();
+}
 
 }  // namespace
 
-TEST(Frame, LayoutOnTheWire) {
+TEST(Frame, SendMsgWritesOneFrameInOneSend) {
+  int fds[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  Socket socket;
+  socket.Get(fds[0]);
+  Message_RTS m;
+  m.sender_id = "T-0";
+  m.receiver_id = "SV-0";
+  m.key = KEY_SET_PARAM;
+  m.int_param = 800;
+  m.text_param1 = "Speed";
+  m.actions.emplace_back(1, QrInfo_RTS("3", 1, 2, SPACE_DEFAULT, 1), "f");
+  const std::string body = m.str();
+  ASSERT_TRUE(send_msg(socket, m));
+  std::string got(200, '\0');
+  got.resize(static_cast<std::size_t>(read(fds[1], &got[0], got.size())));
+  EXPECT_EQ(got, hex("23 0b000000 56000000") + body + ";");
+  EXPECT_EQ(got, make_frame(body));
   EXPECT_EQ(make_frame(""), hex("23 0b000000 00000000 3b"));
-  EXPECT_EQ(make_frame("abc"), hex("23 0b000000 03000000 616263 3b"));
   const std::string big = make_frame(std::string(70000, '#'));  // length beyond 16 bits
   EXPECT_EQ(big.substr(0, 9), hex("23 0b000000 70110100"));
   EXPECT_EQ(big.size(), 70010u);
-  EXPECT_EQ(big.back(), ';');
+  close(fds[1]);
 }
 
 TEST(Frame, ReassemblyAndFiling) {
   MailBox box;
-  const std::string f = wire::frame(body("SV-0", KEY_DETAIL, 7) + filler(300));
+  const std::string f = wire::frame(body("SV-0", KEY_DETAIL, 7) + std::string(300, '#'));
   // Split inside the length word: the missing high byte reads as zero.
   std::string buf = "xyz" + f.substr(0, 6);
   EXPECT_EQ(file_frame(buf, box, 9), 0);
@@ -110,14 +169,48 @@ TEST(Frame, WrongTypeAndUndecodableBodiesStayStuck) {
   EXPECT_EQ(file_frame(buf, box, -1), 0);
   EXPECT_EQ(buf, before);
 
-  // A closing marker other than '%'; then none at all, so that the decoder
-  // reads on into the terminator, which is no '%' either.
-  std::string b = body("SV-0", KEY_DETAIL);
-  b.back() = 'X';
-  for (const std::string& damaged : {b, b.substr(0, b.size() - 1)}) {
-    buf = make_frame(damaged);
-    EXPECT_EQ(file_frame(buf, box, 1), 0);
-    EXPECT_EQ(buf, make_frame(damaged));
-  }
+  // A text length of 2^31 - 1 in an 8-byte body: refused without allocating
+  // it, and stuck like any body that does not decode.
+  buf = hex("23 0b000000 08000000 00000000 ffffff7f 3b");
+  armed = true;
+  for (int call = 0; call < 2; ++call) EXPECT_EQ(file_frame(buf, box, 1), 0);
+  armed = false;
+  EXPECT_LT(largest, 4096u);
+  EXPECT_EQ(buf, hex("23 0b000000 08000000 00000000 ffffff7f 3b"));
   EXPECT_TRUE(box.inbox.empty());
+}
+
+// Every wire word of a frame carrying an action replaced by a length that is
+// negative, past the end or far past it: filing agrees with the unbounded
+// stream decoder, which allocates what it is asked, on the result, the filed
+// fields, the exception and the buffer.
+TEST(Frame, BoundedReceiveAgreesWithTheUnboundedDecoder) {
+  wire::Bytes b;
+  std::vector<std::size_t> words;
+  auto word = [&](std::int32_t v) {
+    words.push_back(frame_header_size + b.s.size());
+    b.i32(v);
+  };
+  auto text = [&](const std::string& t) {
+    word(static_cast<std::int32_t>(t.size()));
+    b.raw(t);
+  };
+  word(0), text("R-0"), text("T-0"), word(KEY_ACTION), text("ab"), text(""), text("N"), word(1);
+  b.raw("%"), word(1);                                       // one action:
+  word(1), word(1), word(3);                                 // type, one way-point, code 3
+  for (int i = 0; i < 5; ++i) word(i);                       // x, y, z, flag, space_type
+  word(0), text("3"), word(1), word(2), word(0), text("f");  // no arcs, target, param
+  b.raw("%");
+  const std::string f = wire::frame(b.s);
+  int refused = 0;
+  for (std::size_t at : words) {
+    for (std::int32_t value : {-1, 200, 5000}) {
+      std::string damaged = f;
+      damaged.replace(at, 4, wire::Bytes().i32(value).s);
+      const std::string expected = unbounded_outcome(damaged);
+      EXPECT_EQ(bounded_outcome(damaged), expected) << value << " at " << at;
+      refused += expected.empty();
+    }
+  }
+  EXPECT_GT(refused, 10);
 }
