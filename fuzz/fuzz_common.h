@@ -4,14 +4,16 @@
 // target: it replaces the global operator new). It holds the allocation
 // budget and the split-stream input layout.
 
+#include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <new>
+#include <set>
 #include <stdexcept>
 #include <streambuf>
 #include <string>
@@ -75,25 +77,26 @@ struct SplitInput {
   std::uint8_t flags = 0;
   std::string stream;
   std::vector<std::size_t> ends;
+  int fds[2] = {-1, -1};  // fds[0] for the library, chunks go into fds[1]
 
   SplitInput(const std::uint8_t* data, std::size_t size) {
     const std::size_t k = size < 2 ? 0 : data[1] & 15;
     if (size < 3 + 2 * k) return;  // no stream, no chunks
     flags = data[0];
     stream.assign(reinterpret_cast<const char*>(data + 2 + 2 * k), size - 2 - 2 * k);
+    std::set<std::size_t> cuts{stream.size()};
     for (std::size_t i = 0; i < k; ++i)
-      ends.push_back((data[2 + 2 * i] | data[3 + 2 * i] << 8) % stream.size());
-    ends.push_back(stream.size());
-    std::sort(ends.begin(), ends.end());
-    ends.erase(std::unique(ends.begin(), ends.end()), ends.end());
-    if (ends.front() == 0) ends.erase(ends.begin());
+      cuts.insert((data[2 + 2 * i] | data[3 + 2 * i] << 8) % stream.size());
+    cuts.erase(0);
+    ends.assign(cuts.begin(), cuts.end());
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) fail("socketpair");
   }
 
-  // Writes chunk i to `fd` and returns it.
-  std::string send(std::size_t i, int fd) const {
+  // Writes chunk i and returns it.
+  std::string send(std::size_t i) const {
     const std::size_t begin = i == 0 ? 0 : ends[i - 1];
     std::string chunk = stream.substr(begin, ends[i] - begin);
-    if (write(fd, chunk.data(), chunk.size()) != static_cast<ssize_t>(chunk.size()))
+    if (write(fds[1], chunk.data(), chunk.size()) != static_cast<ssize_t>(chunk.size()))
       fail("short write to the socket pair");
     return chunk;
   }
@@ -104,13 +107,19 @@ struct SplitInput {
 struct NullBuffer : std::streambuf {
   int overflow(int c) override { return traits_type::not_eof(c); }
 };
+inline NullBuffer null_buffer;
 
 }  // namespace fuzz
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  std::cout.rdbuf(&fuzz::null_buffer);
+  return 0;
+}
 
 void* operator new(std::size_t size) {
   fuzz::Budget& b = fuzz::budget;
   if (b.armed) {
-    b.largest = std::max(b.largest, size);
+    if (size > b.largest) b.largest = size;
     if (size > fuzz::largest_allowed || (b.total += size) > (2u << 20) || ++b.count > 5000)
       throw std::bad_alloc();
   }

@@ -7,14 +7,10 @@
 // decimal numbers, target z and flag keep the blank's values), so equal
 // encodings mean equal records.
 
-#include <cstddef>
-#include <cstdint>
 #include <sstream>
-#include <string>
 
 #include "fuzz_common.h"
 #include "msg/codec.h"
-#include "msg/msg.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string input(reinterpret_cast<const char*>(data), size);

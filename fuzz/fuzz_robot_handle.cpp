@@ -11,22 +11,10 @@
 // - the reassembly buffer holds no more than has arrived;
 // - no report stalls the step (libFuzzer's -timeout).
 
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstddef>
-#include <cstdint>
-#include <iostream>
-#include <string>
-#include <vector>
-
 #include "fuzz_common.h"
 #include "robot/robot.h"
 
 namespace {
-
-fuzz::NullBuffer null_buffer;
-Robot* robot = nullptr;
 
 // The number of running actions, then each one's way-point and arc counts.
 std::vector<std::size_t> shape() {
@@ -37,24 +25,16 @@ std::vector<std::size_t> shape() {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  std::cout.rdbuf(&null_buffer);
-  robot = new Robot();  // lives for the whole run, as an application's would
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const fuzz::SplitInput input(data, size);
   if (input.ends.empty()) return -1;
-  int fds[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) fuzz::fail("socketpair");
+  static Robot* robot = new Robot();  // lives for the whole run, as an application's would
   // A connection the robot saw close was closed by it, and its number may
   // have been reused since: only a live one is closed here.
   if (robot->connected && m_socket.m_sock != -1) close(m_socket.m_sock);
   m_socket.m_buffer.clear();
-  m_socket.Get(fds[0]);
-  m_msg.inbox.clear();
-  m_msg.outbox.clear();
+  m_socket.Get(input.fds[0]);
+  m_msg = MailBox();
   acts.clear();
   for (int i = 0; i < (input.flags & 3); ++i) {
     Action_RTS action(
@@ -85,11 +65,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::check(m_socket.m_buffer.size() <= arrived, "the buffer holds more than has arrived");
   };
   for (std::size_t i = 0; alive && i < input.ends.size(); ++i) {
-    arrived += input.send(i, fds[1]).size();
+    arrived += input.send(i).size();
     handle();
   }
   for (int i = 0; alive && i < 8 && !m_socket.m_buffer.empty(); ++i) handle();  // a few per step
-  close(fds[1]);
+  close(input.fds[1]);
   if (alive && (input.flags & 128)) {
     handle();
     fuzz::check(!alive || !robot->connected, "a closed peer did not disconnect the robot");
