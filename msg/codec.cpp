@@ -22,6 +22,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <istream>
 #include <limits>
 #include <string>
@@ -134,6 +135,8 @@ class StreamSource {
  public:
   explicit StreamSource(std::istream& in) : in_(in) {}
   void read(char* dst, std::size_t n) { in_.read(dst, static_cast<std::streamsize>(n)); }
+  // The stream overloads allocate every text as asked.
+  bool admits(std::size_t) const { return true; }
 
  private:
   std::istream& in_;
@@ -143,7 +146,12 @@ class StreamSource {
 // a stream needs no flag here: every later read finds nothing left.
 class SpanSource {
  public:
-  SpanSource(const char* data, std::size_t size) : begin_(data), cur_(data), left_(size) {}
+  SpanSource(const char* data, std::size_t size, bool bounded = false)
+      : begin_(data), cur_(data), left_(size), bounded_(bounded) {}
+
+  // Whether a message text of n bytes is read at all; a bounded source (the
+  // receive path) refuses one that cannot arrive in full.
+  bool admits(std::size_t n) const { return !bounded_ || n <= left_; }
 
   void read(char* dst, std::size_t n) {
     const std::size_t k = n < left_ ? n : left_;
@@ -159,6 +167,7 @@ class SpanSource {
   const char* begin_;
   const char* cur_;
   std::size_t left_;
+  bool bounded_;
 };
 
 // Reads straight into the object's bytes: on short input the bytes not
@@ -178,6 +187,15 @@ template <class Source>
 void read_text(Source& src, std::string& s, std::int32_t length) {
   s.resize(static_cast<std::string::size_type>(static_cast<std::ptrdiff_t>(length)));
   src.read(s.data(), s.size());
+}
+
+// A message text. False, with nothing allocated, when the source refuses a
+// positive length; a negative one still reaches the resize and throws.
+template <class Source>
+bool read_message_text(Source& src, std::string& s, std::int32_t length) {
+  if (length > 0 && !src.admits(static_cast<std::size_t>(length))) return false;
+  read_text(src, s, length);
+  return true;
 }
 
 // The temporaries that fields pass through (code, space_type, counts and
@@ -247,16 +265,14 @@ bool decode_message_from(Source& src, Message_RTS& m) {
   // text whose length cannot be read takes the length last read before it.
   std::int32_t length = 0;
   read_raw(src, length);
-  read_text(src, m.sender_id, length);
+  if (!read_message_text(src, m.sender_id, length)) return false;
   read_raw(src, length);
-  read_text(src, m.receiver_id, length);
+  if (!read_message_text(src, m.receiver_id, length)) return false;
   read_raw(src, m.key);
-  read_raw(src, length);
-  read_text(src, m.text_param1, length);
-  read_raw(src, length);
-  read_text(src, m.text_param2, length);
-  read_raw(src, length);
-  read_text(src, m.text_param3, length);
+  for (std::string* text : {&m.text_param1, &m.text_param2, &m.text_param3}) {
+    read_raw(src, length);
+    if (!read_message_text(src, *text, length)) return false;
+  }
   read_raw(src, m.int_param);
 
   // The marker starts at 0, so input that ends before the opening marker is
@@ -338,6 +354,11 @@ bool decode_message(Message_RTS& message, const char* data, std::size_t size,
   const bool ok = decode_message_from(src, message);
   if (consumed != nullptr) *consumed = src.consumed();
   return ok;
+}
+
+bool decode_received(Message_RTS& message, const char* data, std::size_t size) {
+  SpanSource src(data, size, true);
+  return decode_message_from(src, message);
 }
 
 bool decode_action(Action_RTS& action, const char* data, std::size_t size, std::size_t* consumed) {

@@ -1,8 +1,10 @@
 // Framed exchange: send_msg wraps an encoded message in a frame, recv_msg
 // reassembles frames from the byte stream and files their messages.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <iostream>
 #include <string>
 #include <utility>
@@ -15,20 +17,13 @@
 
 namespace {
 
-// Wire integers are little-endian whatever the host's order; written and read
-// byte by byte so that a big-endian port keeps the wire format.
-void put_le32(std::string& out, std::uint32_t value) {
-  for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<char>(value >> shift));
-}
-
-// The word at `at`, with the bytes that are not buffered yet reading as zero.
-// For a frame that is still arriving the length word therefore never exceeds
-// the real one, and the frame is seen as incomplete rather than oversized.
-std::uint32_t get_le32(const std::string& buffer, std::size_t at) {
+// The wire word at `at`, with the bytes that are not buffered yet reading as
+// zero. For a frame that is still arriving the length word therefore never
+// exceeds the real one, and the frame is seen as incomplete, not oversized.
+std::uint32_t word_at(const std::string& buffer, std::size_t at) {
   std::uint32_t value = 0;
-  for (std::size_t i = 0; i < 4 && at + i < buffer.size(); ++i) {
-    value |= static_cast<std::uint32_t>(static_cast<unsigned char>(buffer[at + i])) << (8 * i);
-  }
+  if (at < buffer.size())
+    std::memcpy(&value, buffer.data() + at, std::min<std::size_t>(4, buffer.size() - at));
   return value;
 }
 
@@ -43,37 +38,9 @@ bool drop_through_ender(std::string& buffer) {
 
 }  // namespace
 
-std::string make_frame(const std::string& body) {
-  // The length word is the size cut to 32 bits, and exactly as many body
-  // bytes as it announces follow (none if it reads negative), so a body too
-  // long to describe still yields a frame that agrees with its own header.
-  const std::uint32_t length = static_cast<std::uint32_t>(body.size());
-  const std::size_t written = static_cast<std::int32_t>(length) > 0 ? length : 0;
-  std::string frame;
-  frame.reserve(written + frame_header_size + 1);
-  frame.push_back(header);
-  put_le32(frame, static_cast<std::uint32_t>(frame_type));
-  put_le32(frame, length);
-  frame.append(body, 0, written);
-  frame.push_back(ender);
-  return frame;
-}
-
 bool send_msg(Socket& socket, Message_RTS& message) {
   // One send per frame, so frames never interleave on the connection.
-  const std::size_t size = encoded_size(message);
-  // A body too long for the length word is cut to what the word announces.
-  if (size > static_cast<std::size_t>(INT32_MAX)) return socket.Send(make_frame(message.str()));
-  // The usual case encodes straight into the frame: one allocation, no copy
-  // of the body.
-  std::string frame;
-  frame.reserve(size + frame_header_size + 1);
-  frame.push_back(header);
-  put_le32(frame, static_cast<std::uint32_t>(frame_type));
-  put_le32(frame, static_cast<std::uint32_t>(size));
-  append_message(frame, message);
-  frame.push_back(ender);
-  return socket.Send(std::move(frame));
+  return socket.Send(make_frame(message.str()));
 }
 
 int file_frame(std::string& buffer, MailBox& box, int received) {
@@ -83,7 +50,7 @@ int file_frame(std::string& buffer, MailBox& box, int received) {
   if (start == std::string::npos) return 0;
   if (start > 0) buffer.erase(0, start);
 
-  const std::uint32_t raw_length = get_le32(buffer, 5);
+  const std::uint32_t raw_length = word_at(buffer, 5);
   const auto length = static_cast<std::int32_t>(raw_length);
 
   // Computed in 32 bits and compared unsigned, so a length below -10 wraps
@@ -111,14 +78,14 @@ int file_frame(std::string& buffer, MailBox& box, int received) {
 
   // A frame of another type, or a body that does not decode, stays at the
   // front: no path skips it, so the connection delivers nothing after it.
-  if (static_cast<std::int32_t>(get_le32(buffer, 1)) != frame_type) return 0;
+  if (static_cast<std::int32_t>(word_at(buffer, 1)) != frame_type) return 0;
 
   // The decoder gets everything behind the header, not just this body: a
   // malformed body whose lengths point past its terminator reads on into the
   // following bytes, exactly as it would from a stream of the whole buffer.
   Message_RTS message;
-  if (!decode_message(message, buffer.data() + frame_header_size,
-                      buffer.size() - frame_header_size)) {
+  if (!decode_received(message, buffer.data() + frame_header_size,
+                       buffer.size() - frame_header_size)) {
     return 0;
   }
 

@@ -16,7 +16,14 @@
 #include <unordered_map>
 #include <vector>
 
-#include "msg/export.h"
+// The generated export macro. Installed, it lies beside the msg/, net/ and
+// robot/ header directories; in the build tree it comes from the build's
+// export directory.
+#if __has_include("../tarn_export.h")
+#include "../tarn_export.h"
+#else
+#include "tarn_export.h"
+#endif
 
 class Socket;
 

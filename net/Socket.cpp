@@ -13,10 +13,6 @@
 
 namespace {
 
-// One receive never delivers more than this; larger bursts take several calls
-// and are joined by the reassembly buffer.
-constexpr std::size_t kRecvLimit = 102400;
-
 // Connection attempts follow one another without a pause on the same
 // descriptor: a refusal returns at once, a silent host costs one connect
 // timeout per attempt.
@@ -161,8 +157,8 @@ int Socket::Recv(std::string& out) const {
   out.clear();
   // Left uninitialised: the service loop polls twice per step even when idle,
   // and only the bytes actually received are ever read from it.
-  char chunk[kRecvLimit];
-  const ssize_t received = recv(m_sock, chunk, kRecvLimit, 0);
+  char chunk[socket_recv_limit];
+  const ssize_t received = recv(m_sock, chunk, socket_recv_limit, 0);
   if (received <= 0) return received < 0 ? -1 : 0;
   out.assign(chunk, static_cast<std::size_t>(received));
   return static_cast<int>(received);

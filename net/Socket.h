@@ -6,9 +6,20 @@
 
 #include <netinet/in.h>
 
+#include <cstddef>
 #include <string>
 
-#include "msg/export.h"
+// The generated export macro. Installed, it lies beside the msg/, net/ and
+// robot/ header directories; in the build tree it comes from the build's
+// export directory.
+#if __has_include("../tarn_export.h")
+#include "../tarn_export.h"
+#else
+#include "tarn_export.h"
+#endif
+
+// Most bytes one Recv delivers; larger bursts take several calls.
+constexpr std::size_t socket_recv_limit = 102400;
 
 // Thrown by the initialising operations. Deliberately not derived from
 // std::exception: callers catch it by type (and by value).
@@ -55,7 +66,7 @@ class TARN_API Socket {
   int Get(int fd);
   // One send of all of data; true unless send failed (partial writes count).
   bool Send(std::string data) const;
-  // One recv of at most 102400 bytes into out: the count, 0 (peer closed) or -1.
+  // One recv of at most socket_recv_limit bytes into out: the count, 0 (peer closed) or -1.
   int Recv(std::string& out) const;
 
   // Hooks kept for a later TLS layer; they do nothing.

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "msg/frame.h"
 #include "msg/msg.h"
 #include "robot/robot.h"
 
@@ -47,21 +48,10 @@ void text_field(Class& cls, const char* name, std::string Record::*member, const
       [member](Record& r, const py::object& v) { r.*member = from_py_text(v); }, doc);
 }
 
-void put_le32(std::string& out, std::uint32_t v) {
-  for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xFFu));
-}
-
-// '#', the type word 11, the body length, the body, ';' with little-endian
-// integers whatever the host, so that scripts build the same bytes anywhere.
+// The library's own frame writer, so that scripts build the very bytes that
+// send_msg writes.
 py::bytes frame_body(const std::string& body) {
-  std::string out;
-  out.reserve(body.size() + 10);
-  out.push_back(header);
-  put_le32(out, static_cast<std::uint32_t>(frame_type));
-  put_le32(out, static_cast<std::uint32_t>(body.size()));
-  out += body;
-  out.push_back(ender);
-  return py::bytes(out);
+  return py::bytes(make_frame(body));
 }
 
 std::string repr_waypoint(const QrInfo_RTS& p) {

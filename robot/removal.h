@@ -7,10 +7,9 @@
 
 #include "msg/msg.h"
 
-// Erases handled messages (key KEY_NONE) from a queue, keeping the order of the
-// others. The outcome is that of the queue's historical walk, which restarts
-// at the second position after every erasure and so never re-examines the
-// message that has just become first:
+// The removal pass of the service step: erases handled messages (key
+// KEY_NONE) from a queue, keeping the order of the others, except that the
+// message standing second when the first is handled survives unexamined:
 //   - first message pending: every handled message after it is erased;
 //   - first message handled: it is erased, the message that then becomes first
 //     is kept whatever its key, and every handled message after that is erased.

@@ -39,14 +39,13 @@ void remove_done(std::vector<Message_RTS>& queue) {
 }
 
 // ---------------------------------------------------------------------------
-// Module-private senders: they only queue; Robot::Handle writes.
-
-namespace {
+// Module-private senders: they only queue; Robot::Handle writes. Everything
+// internal to this file is file-static.
 
 // The message every sender builds: from this client, to `receiver`, queued
 // under this client's node id in the outbox.
-void Queue(const std::string& receiver, RTS_key key, int value, const std::string& text1,
-           const std::string& text2, const std::string& text3) {
+static void Queue(const std::string& receiver, RTS_key key, int value, const std::string& text1,
+                  const std::string& text2, const std::string& text3) {
   Message_RTS message;
   message.key = key;
   message.sender_id = rts_id;
@@ -57,8 +56,6 @@ void Queue(const std::string& receiver, RTS_key key, int value, const std::strin
   message.text_param3 = text3;
   m_msg.outbox[rts_id].push_back(message);
 }
-
-}  // namespace
 
 static void Send2server(RTS_key key, int value, const std::string& text1, const std::string& text2,
                         const std::string& text3) {
@@ -85,18 +82,16 @@ static void Send2robot(std::deque<Action_RTS>& actions) {
 // ---------------------------------------------------------------------------
 // Helpers
 
-namespace {
-
 // Closes the shared connection the way the Socket destructor does, without
 // running that destructor on a global that will be destroyed again at exit.
 // The closed number deliberately stays in m_sock.
-void TearDownSocket() {
+static void TearDownSocket() {
   if (m_socket.m_sock != -1) close(m_socket.m_sock);
   std::string().swap(m_socket.m_buffer);
 }
 
 // "%f" rendering (six decimals) of a value promoted to double.
-std::string FormatFixed(float value) {
+static std::string FormatFixed(float value) {
   const double v = value;
   char small[64];
   const int n = std::snprintf(small, sizeof small, "%f", v);
@@ -114,7 +109,7 @@ std::string FormatFixed(float value) {
 // negative value means a very large one). Each step drops at most one
 // way-point from each list, so removing min(count, size) directly gives the
 // same result as stepping, without stepping up to 2^32 - 1 times.
-void TrimFrontAction(std::uint32_t count) {
+static void TrimFrontAction(std::uint32_t count) {
   auto& entry = acts.front();
   if (!entry.first) return;
   Action_RTS& action = entry.second;
@@ -125,8 +120,6 @@ void TrimFrontAction(std::uint32_t count) {
   action.arc_path.erase(action.arc_path.begin(),
                         action.arc_path.begin() + static_cast<std::ptrdiff_t>(drop_arc));
 }
-
-}  // namespace
 
 // ---------------------------------------------------------------------------
 // Robot
@@ -278,11 +271,9 @@ bool Robot::SetPosition(std::deque<float*> points) {
   return true;
 }
 
-namespace {
-
 // The parameter setters share one shape: the connection guard, an inclusive
 // integer range, then one KEY_SET_PARAM naming the parameter.
-bool QueueParameter(bool connected, const char* parameter, int value, int low, int high) {
+static bool QueueParameter(bool connected, const char* parameter, int value, int low, int high) {
   if (!connected) return false;
   if (value < low || value > high) {
     std::cout << "value illegality " << std::endl;
@@ -291,8 +282,6 @@ bool QueueParameter(bool connected, const char* parameter, int value, int low, i
   Send2server(KEY_SET_PARAM, value, parameter, undef, undef);
   return true;
 }
-
-}  // namespace
 
 bool Robot::SetVelocity(int v) {
   return QueueParameter(connected, "Speed", v, 300, 1300);
@@ -303,10 +292,9 @@ bool Robot::SetAcceleration(int a) {
 }
 
 bool Robot::SetOrientation(float r) {
-  // Single-precision pi; NaN fails both comparisons and is let through.
-  constexpr float kPi = 3.14159274f;
   if (!connected || !online || state != -1) return false;
-  if (r > kPi || r < -kPi) {
+  // NaN fails both comparisons and is let through.
+  if (r > orientation_limit || r < -orientation_limit) {
     std::cout << "value illegality " << std::endl;
     return false;
   }

@@ -5,7 +5,9 @@
 // Create a Robot (it connects to the compiled-in server address, port 6868,
 // and queues its announcement), then call Handle() from the application's own
 // loop. Commands only queue messages; Handle() is the one place where bytes
-// move. Nothing runs in the background and nothing blocks once connected.
+// move, and nothing runs in the background. The connection is non-blocking
+// once up, but Handle() keeps receiving for as long as the server keeps
+// sending, and the constructor's connection attempts are blocking.
 //
 // All Robot objects of a process share the module-wide connection, mailbox
 // and list of running actions below.
@@ -15,9 +17,13 @@
 #include <string>
 #include <utility>
 
-#include "msg/export.h"
-#include "msg/msg.h"
-#include "net/Socket.h"
+#include "../msg/msg.h"
+#include "../net/Socket.h"
+
+// SetOrientation accepts headings from -orientation_limit to
+// orientation_limit radians: pi rounded to single precision, so that the
+// float nearest to pi is still a valid heading.
+constexpr float orientation_limit = 3.14159274f;
 
 class TARN_API Robot {
  public:
@@ -48,7 +54,7 @@ class TARN_API Robot {
   bool SetVelocity(int v);
   // 100 to 1000 mm/s^2. Needs a connection.
   bool SetAcceleration(int a);
-  // -pi to pi radians (single precision). Needs an online, free robot.
+  // -orientation_limit to orientation_limit radians. Needs an online, free robot.
   bool SetOrientation(float r);
   // Asks the robot for an immediate status report. Needs an online robot.
   void GetDetial();

@@ -1,18 +1,46 @@
-// Frame building and cutting as pure functions of the reassembly buffer. The
-// socket glue around them (recv_msg) is driven from a scripted peer in the
-// fault tests.
+// The frame writer on the path that really sends, and frame cutting as a pure
+// function of the reassembly buffer. The socket glue of recv_msg is driven
+// from a scripted peer in the fault tests.
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdlib>
+#include <new>
 #include <stdexcept>
 #include <string>
 
 #include "msg/frame.h"
 #include "msg/msg.h"
+#include "net/Socket.h"
 #include "tests/support/wire.h"
 
 using wire::hex;
+
+// While armed, every allocation size is recorded and anything above 1 MiB is
+// refused, so that a receive path that allocates what a length word asks for
+// fails at once instead of after gigabytes.
+static bool armed = false;
+static std::size_t largest = 0;
+
+void* operator new(std::size_t size) {
+  if (armed && (largest = std::max(largest, size)) > (1u << 20)) throw std::bad_alloc();
+  if (void* p = std::malloc(size ? size : 1)) return p;
+  throw std::bad_alloc();
+}
+// Every allocation that the deletes below free comes from malloc.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return std::malloc(size ? size : 1);
+}
+void operator delete(void* p) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+  std::free(p);
+}
 
 namespace {
 
@@ -24,50 +52,44 @@ std::string frame(const std::string& sender, RTS_key key, int tag = 0) {
   return wire::frame(body(sender, key, tag));
 }
 
-// Bytes that a body may hold and that must not confuse the cutter.
-std::string filler(std::size_t n) {
-  std::string out;
-  for (std::size_t i = 0; i < n; ++i) out.push_back("#;\0"[i % 3]);
-  return out;
-}
-
 const char kNotice[] = "\t socket  alinement protection \n";
 
 }  // namespace
 
-TEST(Frame, LayoutOnTheWire) {
+TEST(Frame, SendMsgWritesOneFrameInOneSend) {
+  int fds[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  Socket socket;
+  socket.Get(fds[0]);
+  Message_RTS m;
+  m.text_param1 = "Speed";
+  const std::string body = m.str();
+  ASSERT_TRUE(send_msg(socket, m));
+  std::string got(200, '\0');
+  got.resize(static_cast<std::size_t>(read(fds[1], &got[0], got.size())));
+  EXPECT_EQ(got, hex("23 0b000000 2f000000") + body + ";");
+  EXPECT_EQ(got, make_frame(body));
   EXPECT_EQ(make_frame(""), hex("23 0b000000 00000000 3b"));
-  EXPECT_EQ(make_frame("abc"), hex("23 0b000000 03000000 616263 3b"));
-  const std::string big = make_frame(std::string(70000, '#'));  // length beyond 16 bits
-  EXPECT_EQ(big.substr(0, 9), hex("23 0b000000 70110100"));
-  EXPECT_EQ(big.size(), 70010u);
-  EXPECT_EQ(big.back(), ';');
+  // A length beyond 16 bits.
+  EXPECT_EQ(make_frame(std::string(70000, '#')).substr(0, 9), hex("23 0b000000 70110100"));
+  close(fds[1]);
 }
 
-TEST(Frame, ReassemblyAndFiling) {
+TEST(Frame, NoiseAndDamagedFramesAreCut) {
   MailBox box;
-  const std::string f = wire::frame(body("SV-0", KEY_DETAIL, 7) + filler(300));
-  // Split inside the length word: the missing high byte reads as zero.
-  std::string buf = "xyz" + f.substr(0, 6);
-  EXPECT_EQ(file_frame(buf, box, 9), 0);
-  EXPECT_EQ(buf, f.substr(0, 6));  // stray bytes dropped, frame kept
-  buf += f.substr(6, 100);
-  EXPECT_EQ(file_frame(buf, box, 100), 0);
-  buf += f.substr(106) + "#";
+  // Bytes in front of a marker go; without a marker they stay.
+  std::string buf = "xyz" + frame("SV-0", KEY_DETAIL, 7) + "#";
   EXPECT_EQ(file_frame(buf, box, 42), 42);
   EXPECT_EQ(buf, "#");
   ASSERT_EQ(box.inbox["SV-0"].size(), 1u);
   EXPECT_EQ(box.inbox["SV-0"][0].int_param, 7);
-
+  box.inbox.clear();
   buf = "no marker;";
   EXPECT_EQ(file_frame(buf, box, 10), 0);
   EXPECT_EQ(buf, "no marker;");
-}
 
-TEST(Frame, DamagedFramesAreCutAtTheFirstEnder) {
-  MailBox box;
   // Oversized, even with only part of the length word buffered.
-  std::string buf = hex("23 0b000000 f0ffff");
+  buf = hex("23 0b000000 f0ffff");
   EXPECT_EQ(file_frame(buf, box, 8), 0);
   EXPECT_EQ(buf.size(), 8u);
   buf += "ab;cd";
@@ -110,14 +132,13 @@ TEST(Frame, WrongTypeAndUndecodableBodiesStayStuck) {
   EXPECT_EQ(file_frame(buf, box, -1), 0);
   EXPECT_EQ(buf, before);
 
-  // A closing marker other than '%'; then none at all, so that the decoder
-  // reads on into the terminator, which is no '%' either.
-  std::string b = body("SV-0", KEY_DETAIL);
-  b.back() = 'X';
-  for (const std::string& damaged : {b, b.substr(0, b.size() - 1)}) {
-    buf = make_frame(damaged);
-    EXPECT_EQ(file_frame(buf, box, 1), 0);
-    EXPECT_EQ(buf, make_frame(damaged));
-  }
+  // A text length of 2^31 - 1 in an 8-byte body: refused without allocating
+  // it, and stuck like any body that does not decode.
+  buf = hex("23 0b000000 08000000 00000000 ffffff7f 3b");
+  armed = true;
+  for (int call = 0; call < 2; ++call) EXPECT_EQ(file_frame(buf, box, 1), 0);
+  armed = false;
+  EXPECT_LT(largest, 4096u);
+  EXPECT_EQ(buf, hex("23 0b000000 08000000 00000000 ffffff7f 3b"));
   EXPECT_TRUE(box.inbox.empty());
 }
