@@ -8,16 +8,12 @@
 #include <iomanip>
 #include <sstream>
 
+#include "robot/robot.h"
 #include "tarn_config.h"
 
 namespace tarn_cli {
 
 namespace {
-
-// The library's orientation bounds are the single-precision pi: checking the
-// same float here means a value this tool accepts is never refused later with
-// the library's bare "value illegality" line.
-constexpr float kPiF = 3.14159274f;
 
 struct VerbInfo {
   Verb verb;
@@ -147,7 +143,9 @@ std::string CheckCommand(const Command& c, const std::vector<std::string>& texts
       return whole_in(100, 1000, "mm/s^2");
     case Verb::kTurn:
       if (!(error = arity(1, "R (radians)")).empty()) return error;
-      if (c.numbers[0] > kPiF || c.numbers[0] < -kPiF) {
+      // The library's own bound: a value accepted here is never refused later
+      // with its bare "value illegality" line.
+      if (c.numbers[0] > orientation_limit || c.numbers[0] < -orientation_limit) {
         return std::string(name) + ": " + texts[0] + " is out of range (-pi to pi rad)";
       }
       return "";
