@@ -96,7 +96,7 @@ TEST(SimCore, DrivesAPathWithinItsLimitsAndReportsEveryWayPoint) {
   EXPECT_NEAR(sim.heading(), M_PI / 2, 1e-9);  // turned to face the second leg
 }
 
-TEST(SimCore, RefusalsSetALatchedErrorAndRefusedActionsAreClosedInOrder) {
+TEST(SimCore, RefusalsReportAnErrorThatClearsAndRefusedActionsAreClosedInOrder) {
   RobotSim sim = Robot();
   sim.Receive(Travel({{0.5f, 0.0f}}));
   sim.Advance(0.2);
@@ -104,10 +104,17 @@ TEST(SimCore, RefusalsSetALatchedErrorAndRefusedActionsAreClosedInOrder) {
   // after the running one, so the client's running list drops them in order.
   EXPECT_EQ(Brief(sim.Receive(Travel({{1.0f, 1.0f}}))), "3");
   EXPECT_EQ(Brief(sim.Receive(Request(KEY_ORIENTATION, 0, "r 1"))), "3");
-  EXPECT_EQ(Brief(sim.Advance(5)), "path:0 action action 3");  // the error is latched
+  // Held while it drives; the arrival after the hold clears it.
+  EXPECT_EQ(Brief(sim.Advance(5)), "path:0 action action -1");
   EXPECT_NEAR(sim.x(), 0.5, 1e-9);
+  // At rest: held 1 s, then cleared by a report of its own; an accepted
+  // command clears it at once.
+  EXPECT_EQ(Brief(sim.Inject(3)), "3");
+  EXPECT_EQ(Brief(sim.Advance(0.99)), "");
+  EXPECT_EQ(Brief(sim.Advance(0.02)), "-1");
+  EXPECT_EQ(Brief(sim.Inject(2)), "2");
   EXPECT_EQ(Brief(sim.Receive(Request(KEY_SET_PARAM, 700, "Speed"))), "");
-  EXPECT_EQ(sim.task_state(), -1);  // until the next accepted command
+  EXPECT_EQ(sim.task_state(), -1);
   EXPECT_EQ(sim.speed_limit(), 700);
 
   // Malformed requests: error 5 and nothing changes.
@@ -116,6 +123,12 @@ TEST(SimCore, RefusalsSetALatchedErrorAndRefusedActionsAreClosedInOrder) {
   EXPECT_EQ(Brief(sim.Receive(Request(KEY_SET_PARAM, 700, "Jerk"))), "5");
   EXPECT_EQ(Brief(sim.Receive(Request(KEY_SET_PARAM, 0, "Acceleration"))), "5");
   EXPECT_EQ(Brief(sim.Receive(Travel({{NAN, 0.0f}}))), "action 5");
+  EXPECT_EQ(Brief(sim.Receive(Travel({{3e38f, 0.0f}}))), "action 5");           // 3e41 mm
+  EXPECT_EQ(Brief(sim.Receive(Request(KEY_INIT, 0, "1e306", "0", "0"))), "5");  // inf mm
+  // A message announcing a huge number of blank actions: one refusal.
+  Message_RTS flood = Travel({});
+  flood.actions.assign(10000, Action_RTS(0, {}));
+  EXPECT_EQ(Brief(sim.Receive(flood)), "5");
   EXPECT_EQ(sim.accel_limit(), 800);
   EXPECT_EQ(sim.heading(), 0.0);
   EXPECT_EQ(Brief(sim.Receive(Travel({{1.0f, 0.0f}}, 2))), "action 4");  // travel is all it does
@@ -150,19 +163,23 @@ TEST(SimCore, PeriodicReportsAndBattery) {
   EXPECT_DOUBLE_EQ(flat.voltage(), 22.0);
 }
 
-TEST(SimCore, InitKillAndALeavingClientStopTheRobot) {
+TEST(SimCore, InitKillAndALeavingClient) {
   RobotSim sim = Robot();
   Out out = sim.Receive(Request(KEY_INIT, 0, "1.500000", "-0.250000", "0.500000"));
-  EXPECT_EQ(Brief(out), "SV-0 -> T-0 KEY_INIT -1");
+  // The report first, so the pose is current when the client turns online.
+  EXPECT_EQ(Brief(out), "-1 SV-0 -> T-0 KEY_INIT");
   // Metres in, metres out; the third INIT number is the heading.
-  EXPECT_EQ(out.back().text_param1, "26.40 1.500 -0.250 -1 0.5000 0.0 0.0");
+  EXPECT_EQ(out.front().text_param1, "26.40 1.500 -0.250 -1 0.5000 0.0 0.0");
+  EXPECT_EQ(out.front().text_param3, "online");
 
   sim.Receive(Travel({{2.0f, 0.0f}, {2.0f, 2.0f}}));
   sim.Advance(0.5);
   sim.Receive(Travel({{9.0f, 9.0f}}));  // refused: busy
   const double x = sim.x();
   // The running action and the refused one are closed before the ack.
-  EXPECT_EQ(Brief(sim.Receive(Request(KEY_KILL))), "action action SV-0 -> T-0 KEY_KILL -1");
+  out = sim.Receive(Request(KEY_KILL));
+  EXPECT_EQ(Brief(out), "action action -1 SV-0 -> T-0 KEY_KILL");
+  EXPECT_EQ(out[2].text_param3, "offline");
   // Offline now: motion is refused with error 2 and its action closed at
   // once; an INIT whose numbers do not parse is not acknowledged (error 5).
   EXPECT_EQ(Brief(sim.Receive(Travel({{1.0f, 0.0f}}))), "action 2");
@@ -171,15 +188,17 @@ TEST(SimCore, InitKillAndALeavingClientStopTheRobot) {
   sim.Advance(1.0);
   EXPECT_DOUBLE_EQ(sim.x(), x);
 
-  // A client leaving stops the robot; the next client finds it online, with
-  // its settings.
+  // A client leaving: the robot finishes its path without progress reports
+  // for the next client, and that one finds it online, with its settings.
   sim = Robot();
-  sim.Receive(Travel({{2.0f, 0.0f}}));
+  sim.Receive(Travel({{2.0f, 0.0f}, {2.0f, 1.0f}}));
   sim.Advance(1.0);
-  const double stopped_at = sim.x();
   sim.ClientLeft();
-  EXPECT_EQ(Brief(sim.Advance(3.0)), "");  // driving on, it would have arrived
-  EXPECT_DOUBLE_EQ(sim.x(), stopped_at);
+  EXPECT_EQ(Brief(sim.Advance(2.0)), "");
+  sim.Receive(Request(KEY_CONNECT));
+  EXPECT_EQ(Brief(sim.Advance(5.0)), "-1");
+  EXPECT_DOUBLE_EQ(sim.y(), 1.0);
+  EXPECT_TRUE(sim.route()[1].passed);
   EXPECT_TRUE(sim.online());
   EXPECT_EQ(sim.speed_limit(), 1000);
 }
