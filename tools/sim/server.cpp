@@ -1,7 +1,6 @@
 #include "server.h"
 
 #include <arpa/inet.h>
-#include <malloc.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -96,7 +95,7 @@ class Server {
   void Accept();
   void ReadClient();
   void HandleInput();
-  void Handle(const Message_RTS& m);
+  void Handle(const Message_RTS& m, std::uint32_t announced);
   void Deliver(const std::vector<Message_RTS>& messages);
   void Flush();
   void DropClient(const std::string& why);
@@ -308,6 +307,13 @@ void Server::HandleInput() {
       return;
     }
     const std::size_t before = in.size();
+    std::uint32_t announced = 0;
+    if (ScreenFrame(in, announced) == Screen::kDiscard) {
+      const std::size_t size = std::size_t{Le32(in, 5)} + 10;
+      in.erase(0, size);
+      Log("discarded a " + std::to_string(size) + "-byte frame whose text lengths exceed it");
+      continue;
+    }
     MailBox box;
     try {
       file_frame(in, box, 1);
@@ -319,11 +325,7 @@ void Server::HandleInput() {
     for (auto& entry : box.inbox) {
       for (const Message_RTS& m : entry.second) {
         filed = true;
-        const std::size_t actions = m.actions.size();
-        Handle(m);
-        // Memory taken by a message announcing a huge number of blank
-        // actions goes back to the system instead of staying resident.
-        if (actions > kMaxActions) ::malloc_trim(0);
+        Handle(m, announced);
       }
     }
     if (filed) continue;
@@ -352,11 +354,12 @@ void Server::HandleInput() {
   }
 }
 
-void Server::Handle(const Message_RTS& m) {
-  Log("recv " + Describe(m));
+void Server::Handle(const Message_RTS& m, std::uint32_t announced) {
+  Log("recv " + Describe(m) +
+      (announced ? " (announcing " + std::to_string(announced) + " actions, not decoded)" : ""));
   view_.Message(sim_.time(), true, m);
   dirty_ = true;
-  const std::vector<Message_RTS> replies = sim_.Receive(m);
+  const std::vector<Message_RTS> replies = sim_.Receive(m, announced);
   if (replies.empty() && m.key != KEY_CONNECT && m.key != KEY_SET_PARAM)
     Log("   ignored: not a request this robot serves");
   Deliver(replies);

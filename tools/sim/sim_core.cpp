@@ -182,7 +182,7 @@ double RobotSim::NextEventIn() const {
   return std::max(next, 0.0);
 }
 
-std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in) {
+std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in, std::uint32_t announced) {
   std::vector<Message_RTS> out;
   switch (in.key) {
     case KEY_CONNECT:
@@ -259,7 +259,7 @@ std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in) {
 
     case KEY_ACTION: {
       const std::size_t n = in.actions.size();
-      if (n > kMaxActions) {
+      if (n > kMaxActions || announced > kMaxActions) {
         Refuse(kBadParameter, 0, out);
         break;
       }
@@ -487,6 +487,40 @@ std::string Describe(const Message_RTS& m) {
 }  // namespace tarn_sim
 
 namespace tarn_sim {
+
+Screen ScreenFrame(std::string& buffer, std::uint32_t& announced) {
+  announced = 0;
+  auto word = [&](std::size_t at) {
+    std::uint32_t v = 0;
+    for (std::size_t i = 0; i < 4; ++i)
+      v |= static_cast<std::uint32_t>(static_cast<unsigned char>(buffer[at + i])) << (8 * i);
+    return v;
+  };
+  if (buffer.size() < 9 || buffer[0] != header) return Screen::kPass;
+  const std::size_t end = 9 + std::size_t{word(5)};  // the terminator's index
+  if (static_cast<std::int32_t>(word(1)) != frame_type || end >= buffer.size() ||
+      buffer[end] != ender)
+    return Screen::kPass;
+  std::size_t at = 9 + 4;  // behind head_word
+  for (int field = 0; field < 6; ++field) {
+    if (at + 4 > end) return Screen::kPass;  // short body: read leniently
+    if (field == 2) {                        // the key between the ids and the texts
+      at += 4;
+      continue;
+    }
+    const std::int32_t length = static_cast<std::int32_t>(word(at));
+    if (length < 0 || std::size_t(length) > end - at - 4) return Screen::kDiscard;
+    at += 4 + std::size_t(length);
+  }
+  at += 4 + 1;  // int_param, '%'
+  if (at + 4 > end) return Screen::kPass;
+  const std::uint32_t count = word(at);
+  if (count > kMaxActions) {
+    announced = count;
+    for (std::size_t i = 0; i < 4; ++i) buffer[at + i] = 0;
+  }
+  return Screen::kPass;
+}
 
 std::string Frame(Message_RTS& m) {
   const std::string body = m.str();

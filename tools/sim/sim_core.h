@@ -12,6 +12,7 @@
 //   - velocity in mm/s and acceleration in mm/s^2 (the client prints those
 //     units), voltage in volts.
 
+#include <cstdint>
 #include <deque>
 #include <string>
 #include <vector>
@@ -80,7 +81,9 @@ class RobotSim {
   explicit RobotSim(SimConfig config = SimConfig());
 
   // Applies one message from the client; returns the replies in send order.
-  std::vector<Message_RTS> Receive(const Message_RTS& in);
+  // `announced` is the action count of a message whose actions were not
+  // decoded (see ScreenFrame); more than kMaxActions is refused.
+  std::vector<Message_RTS> Receive(const Message_RTS& in, std::uint32_t announced = 0);
 
   // Advances simulated time by `seconds`; returns the reports produced on
   // the way (way-point progress, finished actions, periodic status), in order.
@@ -171,6 +174,18 @@ class RobotSim {
   std::vector<RoutePoint> route_;  // the last accepted path, passed points marked
   std::size_t route_next_ = 0;     // index of the next point to reach
 };
+
+// Screens the complete frame at the front of a receive buffer before the
+// library's decoder sees it, because that decoder trusts its input: it
+// allocates whatever a text length asks for and builds every action a count
+// announces, so a few bytes can cost gigabytes. Returns kDiscard (the frame
+// is to be dropped) when a text length is negative or reaches past the
+// frame; sets `announced` and zeroes the count in place when a message
+// announces more than kMaxActions actions, so that it decodes without them
+// and can be refused as a whole. kPass otherwise, and for anything that is
+// not a complete frame (the cutter deals with those).
+enum class Screen { kPass, kDiscard };
+Screen ScreenFrame(std::string& buffer, std::uint32_t& announced);
 
 // The complete frame of a message as it goes on the wire.
 std::string Frame(Message_RTS& m);
