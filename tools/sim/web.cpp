@@ -86,6 +86,9 @@ bool WebServer::Start(const std::string& address, int port, std::string& error) 
   s.set_write_timeout(kWriteTimeoutS, 0);
   s.set_read_timeout(5, 0);
   s.set_keep_alive_timeout(2);
+  // The accepting thread would otherwise wake continuously between
+  // connections; stop() shuts its socket down, which ends the wait anyway.
+  s.set_idle_interval(3600, 0);
 
   s.Get("/state", [this](const httplib::Request&, httplib::Response& res) {
     std::shared_ptr<const Snapshot> snap = Current();
