@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "msg/frame.h"
 #include "sim_core.h"
 
 using tarn_sim::RobotSim;
@@ -201,6 +202,22 @@ TEST(SimCore, InitKillAndALeavingClient) {
   EXPECT_TRUE(sim.route()[1].passed);
   EXPECT_TRUE(sim.online());
   EXPECT_EQ(sim.speed_limit(), 1000);
+}
+
+TEST(SimCore, ScreeningFramesBeforeDecodingThem) {
+  Message_RTS m = Request(KEY_ACTION);
+  std::string body = m.str();  // ends '%', the count (0), '%'
+  body.replace(body.size() - 5, 4, std::string("\x40\x42\x0f\x00", 4));  // 1,000,000
+  std::string buffer = make_frame(body) + "#tail";
+  std::uint32_t announced = 0;
+  EXPECT_EQ(tarn_sim::ScreenFrame(buffer, announced), tarn_sim::Screen::kPass);
+  EXPECT_EQ(announced, 1000000u);
+  EXPECT_EQ(buffer, make_frame(m.str()) + "#tail");  // the count zeroed in place
+  body[4] = '\x7f';                                  // the sender's length reaches past the frame
+  buffer = make_frame(body);
+  EXPECT_EQ(tarn_sim::ScreenFrame(buffer, announced), tarn_sim::Screen::kDiscard);
+  buffer.pop_back();  // incomplete: left to the frame cutter
+  EXPECT_EQ(tarn_sim::ScreenFrame(buffer, announced), tarn_sim::Screen::kPass);
 }
 
 TEST(SimCore, DescribeShowsEveryFieldAndEscapesBinary) {
