@@ -26,6 +26,7 @@ volatile std::sig_atomic_t g_stop = 0;
 // tarn-sim without live view, reporting on events only, for the test's scope.
 struct Sim {
   explicit Sim(int port) {
+    g_port = 0, g_stop = 0;
     tarn_sim::ServerOptions o;
     o.port = port, o.rate_hz = 0, o.quiet = true, o.idle_timeout = 0.5, o.web = false;
     thread = std::thread([o] { tarn_sim::RunServer(o, g_stop, [](int p) { g_port = p; }); });

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -185,6 +186,9 @@ int Server::Run(void (*on_ready)(int)) {
       if (fds[0].revents & POLLIN) Accept();
     }
     if (more_input_ && client_.fd >= 0) HandleInput();
+    // One write per wake-up for everything the client is owed, so the
+    // replies to pipelined requests leave together.
+    if (client_.fd >= 0 && !client_.out.empty()) Flush();
     CheckTimeouts(now);
     if (dirty_ && Seconds(Clock::now() - last_publish_) >= kPublishPeriod) Publish();
   }
@@ -257,6 +261,10 @@ void Server::Accept() {
   const int fd = ::accept4(listener_.m_sock, reinterpret_cast<sockaddr*>(&peer), &len,
                            SOCK_NONBLOCK | SOCK_CLOEXEC);
   if (fd < 0) return;
+  // Replies are written once per wake-up; Nagle's delay would only hold the
+  // second of two back-to-back writes until the first is acknowledged.
+  const int one = 1;
+  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   Peer p;
   p.fd = fd;
   p.name = std::string(inet_ntoa(peer.sin_addr)) + ':' + std::to_string(ntohs(peer.sin_port));
@@ -373,10 +381,7 @@ void Server::Deliver(const std::vector<Message_RTS>& messages) {
     if (client_.out.empty()) client_.last_output = Clock::now();
     client_.out += Frame(m);
   }
-  if (!messages.empty()) {
-    dirty_ = true;
-    Flush();
-  }
+  if (!messages.empty()) dirty_ = true;
 }
 
 void Server::Flush() {
