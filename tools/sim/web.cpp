@@ -86,6 +86,9 @@ bool WebServer::Start(const std::string& address, int port, std::string& error) 
   s.set_write_timeout(kWriteTimeoutS, 0);
   s.set_read_timeout(5, 0);
   s.set_keep_alive_timeout(2);
+  // Headers and body go out in separate writes; without this the body waits
+  // for the client's delayed acknowledgement (tens of milliseconds).
+  s.set_tcp_nodelay(true);
   // The accepting thread would otherwise wake continuously between
   // connections; stop() shuts its socket down, which ends the wait anyway.
   s.set_idle_interval(3600, 0);
