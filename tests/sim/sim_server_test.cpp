@@ -71,12 +71,17 @@ RTS_key Next(int fd, std::string& buffer) {
 TEST(SimServer, SilentClientMakesWayAndPipelinedFramesAreAllServed) {
   Sim sim(0);
   std::string a_in, b_in;
-  const int a = Connect(), b = Connect();
+  const int a = Connect();
   const std::string hello = Request(KEY_CONNECT);
   ::send(a, hello.data(), hello.size(), 0);
-  ::send(b, hello.data(), hello.size(), 0);
-  // a falls silent while b waits: after the idle timeout a is dropped.
+  const int early = Connect();  // while a is active: closed at once
+  EXPECT_EQ(Next(early, b_in), KEY_NONE);
+  pollfd silence{a, POLLIN, 0};
+  EXPECT_EQ(::poll(&silence, 1, 700), 0);
+  // a has been silent for longer than the idle timeout: it gives way to b.
+  const int b = Connect();
   EXPECT_EQ(Next(a, a_in), KEY_NONE);
+  ::send(b, hello.data(), hello.size(), 0);
   // b: over 2 MB of valid frames sent without reading, then a question.
   std::string flood;
   while (flood.size() < 3000000) flood += Request(KEY_SET_PARAM, "Speed");
@@ -84,7 +89,7 @@ TEST(SimServer, SilentClientMakesWayAndPipelinedFramesAreAllServed) {
   std::thread writer([&] { ::send(b, flood.data(), flood.size(), 0); });
   EXPECT_EQ(Next(b, b_in), KEY_DETAIL);
   writer.join();
-  ::close(a), ::close(b);
+  ::close(a), ::close(b), ::close(early);
 }
 
 TEST(SimServer, PoseIsCurrentWhenTheLibrarySeesOnline) {
@@ -107,7 +112,7 @@ TEST(SimView, SnapshotEncodingAndControls) {
   s.route = {{"0", 1, 2, true}};
   s.messages = {{0.5, true, "T-0 -> SV-0 KEY_INIT\n"}};
   const std::string json =
-      R"({"accel_limit":0.0,"acceleration":0.0,"client":"a\"b","client_waiting":false,)"
+      R"({"accel_limit":0.0,"acceleration":0.0,"client":"a\"b",)"
       R"("heading":0.0,"messages":[{"dir":"in","t":0.5,"text":"T-0 -> SV-0 KEY_INIT\n"}],)"
       R"("online":false,"paused":false,"route":[{"code":"0","passed":true,"x":1.0,"y":2.0}],)"
       R"("seq":7,"speed_limit":0.0,"state":3,"state_text":"busy","target":-1,"time":0.0,)"

@@ -67,10 +67,7 @@ class Server {
  public:
   Server(const ServerOptions& options, volatile std::sig_atomic_t& stop)
       : opt_(options), stop_(stop), sim_(MakeConfig(options)), start_(Clock::now()) {}
-  ~Server() {
-    Close(client_);
-    Close(waiting_);
-  }
+  ~Server() { Close(client_); }
 
   int Run(void (*on_ready)(int));
 
@@ -121,7 +118,6 @@ class Server {
   unsigned long seq_ = 0;
   Socket listener_;
   Peer client_;
-  Peer waiting_;
 };
 
 int Server::Run(void (*on_ready)(int)) {
@@ -156,15 +152,14 @@ int Server::Run(void (*on_ready)(int)) {
   while (!stop_) {
     Clock::time_point now = Clock::now();
     const int timeout = more_input_ ? 0 : static_cast<int>(std::ceil(NextWake(now) * 1000));
-    pollfd fds[4] = {
+    pollfd fds[3] = {
         {listener_.m_sock, POLLIN, 0},
         {client_.fd, static_cast<short>(POLLIN | (client_.out.empty() ? 0 : POLLOUT)), 0},
-        {web_on_ ? web_.control_fd() : -1, POLLIN, 0},
-        {waiting_.fd, POLLRDHUP, 0}};
+        {web_on_ ? web_.control_fd() : -1, POLLIN, 0}};
     // Input is not read while a full buffer of it waits to be cut: the rest
     // stays in the kernel and the client is slowed down, not dropped.
     if (client_.in.size() >= kReadAhead) fds[1].events &= ~POLLIN;
-    const int ready_count = ::poll(fds, 4, timeout);
+    const int ready_count = ::poll(fds, 3, timeout);
     if (ready_count < 0 && errno != EINTR) {
       std::cerr << "tarn-sim: poll: " << std::strerror(errno) << std::endl;
       return 1;
@@ -178,11 +173,7 @@ int Server::Run(void (*on_ready)(int)) {
       // to be accepted in the same wake-up is then served instead.
       if (client_.fd >= 0 && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) ReadClient();
       if (client_.fd >= 0 && (fds[1].revents & POLLOUT)) Flush();
-      if (waiting_.fd >= 0 && (fds[3].revents & (POLLRDHUP | POLLHUP | POLLERR))) {
-        Log("waiting client left");
-        Close(waiting_);
-        dirty_ = true;
-      }
+
       if (fds[0].revents & POLLIN) Accept();
     }
     if (more_input_ && client_.fd >= 0) HandleInput();
@@ -202,12 +193,8 @@ double Server::NextWake(Clock::time_point now) const {
   double next = kMaxSleep;
   if (!paused_) next = std::min(next, sim_.NextEventIn() - Seconds(now - last_advance_));
   if (dirty_) next = std::min(next, kPublishPeriod - Seconds(now - last_publish_));
-  if (client_.fd >= 0) {
-    if (waiting_.fd >= 0)
-      next = std::min(next, opt_.idle_timeout - Seconds(now - client_.last_input));
-    if (!client_.out.empty())
-      next = std::min(next, opt_.idle_timeout - Seconds(now - client_.last_output));
-  }
+  if (client_.fd >= 0 && !client_.out.empty())
+    next = std::min(next, opt_.idle_timeout - Seconds(now - client_.last_output));
   return std::max(next, 0.0);
 }
 
@@ -226,7 +213,7 @@ void Server::Publish() {
   snap->seq = ++seq_;
   snap->paused = paused_;
   if (client_.fd >= 0) snap->client = client_.name + " (" + sim_.client() + ")";
-  snap->client_waiting = waiting_.fd >= 0;
+
   if (web_on_) web_.Publish(std::move(snap));
   last_publish_ = Clock::now();
   dirty_ = false;
@@ -270,19 +257,23 @@ void Server::Accept() {
   p.name = std::string(inet_ntoa(peer.sin_addr)) + ':' + std::to_string(ntohs(peer.sin_port));
   p.last_input = p.last_output = Clock::now();
   dirty_ = true;
-  if (client_.fd < 0) {
-    client_ = std::move(p);
-    Log("client " + client_.name + " connected");
-  } else if (waiting_.fd < 0) {
-    // Kept, unread, until the current client leaves or falls silent for
-    // --idle-timeout: its first messages wait in the kernel meanwhile.
-    waiting_ = std::move(p);
-    Log("client " + waiting_.name + " waiting: another client is being served");
-  } else {
-    // A third one is told at once by the close, instead of hanging.
-    ::close(fd);
-    Log("refused client " + p.name + ": one served and one waiting already");
+  if (client_.fd >= 0) {
+    // One client at a time. A newcomer is told at once by the close, rather
+    // than left hanging without any report, unless the current client has
+    // fallen silent: then it gives way, so that a forgotten connection
+    // cannot hold the robot for good.
+    if (Seconds(p.last_input - client_.last_input) < opt_.idle_timeout) {
+      ::close(fd);
+      Log("refused a second client (" + p.name + "): already serving one");
+      return;
+    }
+    char why[96];
+    std::snprintf(why, sizeof why, "silent for %g s while another client connects",
+                  opt_.idle_timeout);
+    DropClient(why);
   }
+  client_ = std::move(p);
+  Log("client connected (" + client_.name + ")");
 }
 
 void Server::ReadClient() {
@@ -317,16 +308,14 @@ void Server::HandleInput() {
     const std::size_t before = in.size();
     std::uint32_t announced = 0;
     if (ScreenFrame(in, announced) == Screen::kDiscard) {
-      const std::size_t size = std::size_t{Le32(in, 5)} + 10;
-      in.erase(0, size);
-      Log("discarded a " + std::to_string(size) + "-byte frame whose text lengths exceed it");
-      continue;
+      DropClient("malformed input (a text length reaches outside its frame)");
+      return;
     }
     MailBox box;
     try {
       file_frame(in, box, 1);
     } catch (const std::exception& e) {
-      DropClient(std::string("malformed frame (") + e.what() + ")");
+      DropClient(std::string("malformed input (") + e.what() + ")");
       return;
     }
     bool filed = false;
@@ -338,7 +327,7 @@ void Server::HandleInput() {
     }
     if (filed) continue;
     if (in.size() != before) {
-      Log("damaged input: discarded " + std::to_string(before - in.size()) + " bytes");
+      Log("malformed input: discarded " + std::to_string(before - in.size()) + " bytes");
       continue;
     }
     // Nothing filed and nothing cut. A complete frame at the front that the
@@ -350,10 +339,11 @@ void Server::HandleInput() {
       const std::uint32_t length = Le32(in, 5);
       if (in.size() >= std::size_t{length} + 10) {
         const std::uint32_t type = Le32(in, 1);
-        DropClient(static_cast<std::int32_t>(type) != frame_type
-                       ? "frame of unknown type " + std::to_string(type)
-                       : "frame whose message does not decode (" + std::to_string(length) +
-                             " bytes)");
+        DropClient("no message readable from " + std::to_string(in.size()) + " buffered bytes: " +
+                   (static_cast<std::int32_t>(type) != frame_type
+                        ? "a frame of unknown type " + std::to_string(type)
+                        : "a frame whose message does not decode") +
+                   " is in front");
       }
     } else if (in.size() >= kReadAhead) {
       DropClient(std::to_string(in.size()) + " bytes without a frame marker");
@@ -404,32 +394,20 @@ void Server::Flush() {
 }
 
 void Server::CheckTimeouts(Clock::time_point now) {
-  if (client_.fd < 0) return;
-  char why[96];
-  if (!client_.out.empty() && Seconds(now - client_.last_output) >= opt_.idle_timeout) {
+  if (client_.fd < 0 || client_.out.empty()) return;
+  if (Seconds(now - client_.last_output) >= opt_.idle_timeout) {
+    char why[96];
     std::snprintf(why, sizeof why, "client has not read for %g s", opt_.idle_timeout);
-    DropClient(why);
-  } else if (waiting_.fd >= 0 && Seconds(now - client_.last_input) >= opt_.idle_timeout) {
-    std::snprintf(why, sizeof why, "client silent for %g s while another waits", opt_.idle_timeout);
     DropClient(why);
   }
 }
 
 void Server::DropClient(const std::string& why) {
-  Log("client " + client_.name + " dropped: " + why);
+  Log("client dropped: " + why + " (" + client_.name + ")");
   Close(client_);
   more_input_ = false;
   sim_.ClientLeft();
   dirty_ = true;
-  if (waiting_.fd >= 0) {
-    client_ = std::move(waiting_);
-    waiting_ = Peer();
-    client_.last_input = client_.last_output = Clock::now();
-    Log("client " + client_.name + " connected");
-    // Its first messages may have been waiting in the kernel all along, and
-    // poll() only reports them at the next wake-up; reading now is harmless.
-    ReadClient();
-  }
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #pragma once
 
-// The I/O loop of tarn-sim: a listening socket, one client served at a time
-// (one more may wait), the simulated robot advanced by the wall clock, and
+// The I/O loop of tarn-sim: a listening socket, one client served at a time,
+// the simulated robot advanced by the wall clock, and
 // the live view fed with snapshots. Single-threaded apart from the live
 // view's HTTP threads, which only read published snapshots.
 
@@ -15,9 +15,9 @@ struct ServerOptions {
   int port = 6868;  // 0: any free port (tests)
   double rate_hz = 10;
   bool quiet = false;
-  // A client that sends nothing for this long while another one waits, or
-  // that has not taken any of its pending output for this long, is dropped
-  // (seconds).
+  // A client that has sent nothing for this long gives way to a new one that
+  // connects; one that has not taken any of its pending output for this long
+  // is dropped (seconds).
   double idle_timeout = 30;
   bool web = true;
   int http_port = 6869;  // 0: any free port

@@ -51,7 +51,6 @@ std::string ToJson(const Snapshot& s) {
             {"speed_limit", s.speed_limit},
             {"accel_limit", s.accel_limit},
             {"client", s.client.empty() ? json(nullptr) : json(s.client)},
-            {"client_waiting", s.client_waiting},
             {"route", route},
             {"target", s.target},
             {"trail", trail},

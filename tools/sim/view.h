@@ -32,7 +32,6 @@ struct Snapshot {
   double velocity = 0, acceleration = 0, voltage = 0;
   double speed_limit = 0, accel_limit = 0;
   std::string client;  // peer and node id, empty when none
-  bool client_waiting = false;
   std::vector<RoutePoint> route;
   int target = -1;  // index into route of the point being driven to, -1 none
   std::vector<std::pair<double, double>> trail;

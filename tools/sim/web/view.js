@@ -92,7 +92,7 @@ function drawPanel(s) {
   $("voltage").textContent = fmt(s.voltage, 2);
   const t = s.target >= 0 ? s.route[s.target] : null;
   $("target").textContent = t ? `${t.code} (${fmt(t.x, 2)}, ${fmt(t.y, 2)})` : "none";
-  $("client").textContent = (s.client || "none") + (s.client_waiting ? " · one waiting" : "");
+  $("client").textContent = s.client || "none";
   $("sim-time").textContent = fmt(s.time, 1);
   $("paused-tag").hidden = !s.paused;
   $("pause").textContent = s.paused ? "Resume" : "Pause";
