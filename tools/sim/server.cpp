@@ -286,7 +286,11 @@ void Server::ReadClient() {
     }
     if (n < 0) {
       if (errno == EINTR) continue;
-      if (errno != EAGAIN && errno != EWOULDBLOCK)
+      // A reset is how a peer's close arrives when replies were still on
+      // their way to it: the client left all the same.
+      if (errno == ECONNRESET)
+        DropClient("client closed the connection");
+      else if (errno != EAGAIN && errno != EWOULDBLOCK)
         DropClient(std::string("receive failed: ") + std::strerror(errno));
       break;
     }
@@ -389,7 +393,9 @@ void Server::Flush() {
                    " bytes unsent)");
       return;
     }
-    DropClient(std::string("send failed: ") + std::strerror(errno));
+    DropClient(errno == EPIPE || errno == ECONNRESET
+                   ? std::string("client closed the connection")
+                   : std::string("send failed: ") + std::strerror(errno));
   }
 }
 
