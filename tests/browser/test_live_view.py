@@ -1,7 +1,7 @@
-"""The live view in headless Chromium while the library drives tarn-sim along
-a path: the marker follows the path, passed way-points change style, the panel
-agrees with /state, and pausing stops the clock. Leaves live-view.png in the
-working directory (the build tree)."""
+# The live view in headless Chromium while the library drives tarn-sim along
+# a path: the marker follows the path, passed way-points change style, the panel
+# agrees with /state, and pausing stops the clock. Leaves live-view.png in the
+# working directory (the build tree).
 
 import json, os, subprocess, tempfile, time, urllib.request
 
@@ -17,9 +17,7 @@ def until(what, condition, timeout=20.0, robot=None):
     deadline = time.monotonic() + timeout
     while not condition():
         assert time.monotonic() < deadline, "timed out waiting for " + what
-        if robot:
-            robot.Handle()
-        time.sleep(0.01)
+        robot and robot.Handle() or time.sleep(0.01)
 
 
 def test_live_view_follows_the_robot():
@@ -27,10 +25,10 @@ def test_live_view_follows_the_robot():
                            stdout=subprocess.PIPE, text=True)
     options = webdriver.ChromeOptions()
     options.binary_location = os.environ["CHROMIUM"]
-    for flag in ("--headless", "--no-sandbox", "--disable-gpu", "--no-first-run", "--disable-sync",
-                 "--disable-background-networking", "--disable-component-update", "--disable-quic",
-                 "--window-size=1280,800", "--user-data-dir=" + tempfile.mkdtemp(prefix="tarn-chromium-")):
-        options.add_argument(flag)
+    for flag in ("headless no-sandbox disable-gpu no-first-run disable-sync disable-background-networking "
+                 "disable-component-update disable-quic window-size=1280,800").split():
+        options.add_argument("--" + flag)
+    options.add_argument("--user-data-dir=" + tempfile.mkdtemp(prefix="tarn-chromium-"))
     browser = None
     try:
         url = next(line for line in sim.stdout if line.startswith("live view: ")).split()[2]
@@ -44,14 +42,12 @@ def test_live_view_follows_the_robot():
         browser.get(url)
         js = browser.execute_script
         # Screen distance from the marker to a way-point (the map follows the robot).
-        gap = lambda code: js("""const c = (e) => { const r = e.getBoundingClientRect();
+        gap = lambda code: js("""const c = (q) => { const r = document.querySelector(q).getBoundingClientRect();
             return [r.x + r.width / 2, r.y + r.height / 2]; };
-            const a = c(document.getElementById('robot')),
-                  b = c(document.querySelector('.waypoint[data-code="' + arguments[0] + '"] circle'));
+            const a = c('#robot'), b = c('.waypoint[data-code="' + arguments[0] + '"] circle');
             return Math.hypot(a[0] - b[0], a[1] - b[1]);""", code)
         until("the path on the map", lambda: js("return document.querySelectorAll('.waypoint').length") == 3)
-        start = gap("0")
-        assert start > 50
+        assert (start := gap("0")) > 50
         until("the marker nearing way-point 0", lambda: gap("0") < start / 2, robot=robot)
         until("way-point 0 passed", lambda: js("return !!document.querySelector('.waypoint.passed[data-code=\"0\"]')"),
               robot=robot)
@@ -71,8 +67,7 @@ def test_live_view_follows_the_robot():
         assert text("state") == frozen["state_text"] == "working"
         assert text("online") == "online" and frozen["online"]
         assert text("voltage") == "%.2f" % frozen["voltage"]
-        assert text("velocity") == "%.1f" % frozen["velocity"]
-        assert text("sim-time") == "%.1f" % frozen["time"]
+        assert (text("velocity"), text("sim-time")) == ("%.1f" % frozen["velocity"], "%.1f" % frozen["time"])
         browser.find_element("id", "pause").click()
 
         until("the end of the path", lambda: robot.state == -1 and state()["target"] == -1, robot=robot)
