@@ -49,12 +49,12 @@ std::string Request(RTS_key key, const char* speed = "N") {
   return make_frame(m.str());
 }
 
-// The key of the next message on fd: KEY_NONE when it closes, -1 after 5 s.
+// The key of the next message on fd: KEY_NONE when it closes, -1 after 20 s.
 RTS_key Next(int fd, std::string& buffer) {
   MailBox box;
   while (file_frame(buffer, box, 1) == 0) {
     pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, 5000) != 1) return static_cast<RTS_key>(-1);
+    if (::poll(&p, 1, 20000) != 1) return static_cast<RTS_key>(-1);
     char chunk[4096];
     const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
     if (n <= 0) return KEY_NONE;

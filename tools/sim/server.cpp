@@ -38,6 +38,10 @@ constexpr double kPublishPeriod = 0.04;
 // frame of any accepted size can complete; a pipelining client simply waits
 // in the kernel's buffers beyond that, which is backpressure, not an error.
 constexpr std::size_t kReadAhead = 1100000;
+// Bytes read ahead while the frame in front is small: the frame cutter moves
+// the rest of the buffer forward for every frame it takes, so the buffer is
+// kept short unless a large frame needs the room.
+constexpr std::size_t kSmallReadAhead = 65536;
 // Messages handled per wake-up before the simulation gets its turn.
 constexpr int kMaxMessagesPerWake = 5000;
 // Unsent output beyond this means the client stopped reading long ago.
@@ -52,6 +56,13 @@ std::uint32_t Le32(const std::string& b, std::size_t at) {
   for (std::size_t i = 0; i < 4; ++i)
     v |= static_cast<std::uint32_t>(static_cast<unsigned char>(b[at + i])) << (8 * i);
   return v;
+}
+
+// How many bytes to hold before cutting frames: room for the frame in front
+// when it is a large one still arriving, otherwise a short read-ahead.
+std::size_t ReadAhead(const std::string& in) {
+  if (in.size() < frame_header_size || in[0] != header) return kSmallReadAhead;
+  return std::min(kReadAhead, std::max(kSmallReadAhead, std::size_t{Le32(in, 5)} + 10));
 }
 
 struct Peer {
@@ -158,7 +169,7 @@ int Server::Run(void (*on_ready)(int)) {
         {web_on_ ? web_.control_fd() : -1, POLLIN, 0}};
     // Input is not read while a full buffer of it waits to be cut: the rest
     // stays in the kernel and the client is slowed down, not dropped.
-    if (client_.in.size() >= kReadAhead) fds[1].events &= ~POLLIN;
+    if (client_.in.size() >= ReadAhead(client_.in)) fds[1].events &= ~POLLIN;
     const int ready_count = ::poll(fds, 3, timeout);
     if (ready_count < 0 && errno != EINTR) {
       std::cerr << "tarn-sim: poll: " << std::strerror(errno) << std::endl;
@@ -278,7 +289,7 @@ void Server::Accept() {
 
 void Server::ReadClient() {
   char chunk[65536];
-  while (client_.fd >= 0 && client_.in.size() < kReadAhead) {
+  while (client_.fd >= 0 && client_.in.size() < ReadAhead(client_.in)) {
     const ssize_t n = ::recv(client_.fd, chunk, sizeof chunk, 0);
     if (n == 0) {
       DropClient("client closed the connection");
@@ -337,8 +348,8 @@ void Server::HandleInput() {
     // Nothing filed and nothing cut. A complete frame at the front that the
     // cutter leaves in place is of another type or does not decode, and
     // would block everything behind it for good; otherwise a frame is still
-    // arriving (at most the largest frame's size, bounded by the read-ahead)
-    // or bytes wait for a frame marker.
+    // arriving or bytes wait for a frame marker, which is given up once the
+    // read-ahead is full (no frame can be that long).
     if (in.size() >= frame_header_size && in[0] == header) {
       const std::uint32_t length = Le32(in, 5);
       if (in.size() >= std::size_t{length} + 10) {
@@ -348,17 +359,22 @@ void Server::HandleInput() {
                         ? "a frame of unknown type " + std::to_string(type)
                         : "a frame whose message does not decode") +
                    " is in front");
+        return;
       }
-    } else if (in.size() >= kReadAhead) {
-      DropClient(std::to_string(in.size()) + " bytes without a frame marker");
     }
+    if (in.size() >= ReadAhead(in))
+      DropClient("no message readable from " + std::to_string(in.size()) + " buffered bytes: " +
+                 (in[0] == header ? "no frame can be that long" : "no frame marker"));
     return;
   }
 }
 
 void Server::Handle(const Message_RTS& m, std::uint32_t announced) {
-  Log("recv " + Describe(m) +
-      (announced ? " (announcing " + std::to_string(announced) + " actions, not decoded)" : ""));
+  // Described only when logged: a pipelining client sends tens of thousands
+  // of messages a second.
+  if (!opt_.quiet)
+    Log("recv " + Describe(m) +
+        (announced ? " (announcing " + std::to_string(announced) + " actions, not decoded)" : ""));
   view_.Message(sim_.time(), true, m);
   dirty_ = true;
   const std::vector<Message_RTS> replies = sim_.Receive(m, announced);
@@ -370,7 +386,7 @@ void Server::Handle(const Message_RTS& m, std::uint32_t announced) {
 void Server::Deliver(const std::vector<Message_RTS>& messages) {
   if (client_.fd < 0 || !sim_.registered()) return;
   for (Message_RTS m : messages) {
-    Log("send " + Describe(m));
+    if (!opt_.quiet) Log("send " + Describe(m));
     view_.Message(sim_.time(), false, m);
     if (client_.out.empty()) client_.last_output = Clock::now();
     client_.out += Frame(m);

@@ -80,14 +80,15 @@ void ViewLog::Sample(const RobotSim& sim) {
 }
 
 void ViewLog::Message(double time, bool incoming, const Message_RTS& m) {
-  messages_.push_back(LoggedMessage{time, incoming, Describe(m)});
+  messages_.push_back(Entry{time, incoming, m});
   if (messages_.size() > kMessages) messages_.pop_front();
 }
 
 void ViewLog::Fill(Snapshot& s) const {
   s.trail.assign(trail_.begin(), trail_.end());
   s.voltage_history.assign(voltage_.begin(), voltage_.end());
-  s.messages.assign(messages_.begin(), messages_.end());
+  s.messages.clear();
+  for (const Entry& e : messages_) s.messages.push_back({e.time, e.incoming, Describe(e.message)});
 }
 
 Snapshot MakeSnapshot(const RobotSim& sim, const ViewLog& log) {

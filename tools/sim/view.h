@@ -69,7 +69,12 @@ class ViewLog {
  private:
   std::deque<std::pair<double, double>> trail_;
   std::deque<std::pair<double, double>> voltage_;
-  std::deque<LoggedMessage> messages_;
+  struct Entry {
+    double time;
+    bool incoming;
+    Message_RTS message;  // described only when a snapshot is taken
+  };
+  std::deque<Entry> messages_;
 };
 
 // A snapshot of the simulator's state with this history.
