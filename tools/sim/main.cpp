@@ -2,7 +2,9 @@
 // developing and testing applications without the real installation.
 
 #include <signal.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -128,6 +130,14 @@ int main(int argc, char** argv) {
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+
+  // Browsers opening many connections at once must not use up the
+  // descriptors the control port needs: take what the hard limit allows.
+  rlimit files{};
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = std::min<rlim_t>(files.rlim_max, 65536);
+    setrlimit(RLIMIT_NOFILE, &files);
+  }
 
   return tarn_sim::RunServer(options, g_stop);
 }
