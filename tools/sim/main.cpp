@@ -135,7 +135,7 @@ int main(int argc, char** argv) {
   // descriptors the control port needs: take what the hard limit allows.
   rlimit files{};
   if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
-    files.rlim_cur = std::min<rlim_t>(files.rlim_max, 65536);
+    files.rlim_cur = std::max(files.rlim_cur, std::min<rlim_t>(files.rlim_max, 65536));
     setrlimit(RLIMIT_NOFILE, &files);
   }
 
