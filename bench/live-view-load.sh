@@ -25,7 +25,7 @@ latency() {
 }
 
 load() {
-  nice -n 19 python3 - >/dev/null 2>&1 <<'PY' &
+  chrt --idle 0 python3 - >/dev/null 2>&1 <<'PY' &
 import http.client, threading, time
 def hammer():
     while True:

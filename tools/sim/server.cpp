@@ -126,6 +126,7 @@ class Server {
   bool dirty_ = true;
   bool paused_ = false;
   bool more_input_ = false;
+  bool controls_pending_ = false;  // the queue's lock was busy: retry
   unsigned long seq_ = 0;
   Socket listener_;
   Peer client_;
@@ -187,6 +188,7 @@ int Server::Run(void (*on_ready)(int)) {
 
       if (fds[0].revents & POLLIN) Accept();
     }
+    if (controls_pending_) ApplyControls();
     if (more_input_ && client_.fd >= 0) HandleInput();
     // One write per wake-up for everything the client is owed, so the
     // replies to pipelined requests leave together.
@@ -203,7 +205,8 @@ int Server::Run(void (*on_ready)(int)) {
 double Server::NextWake(Clock::time_point now) const {
   double next = kMaxSleep;
   if (!paused_) next = std::min(next, sim_.NextEventIn() - Seconds(now - last_advance_));
-  if (dirty_) next = std::min(next, kPublishPeriod - Seconds(now - last_publish_));
+  if (dirty_ || controls_pending_)
+    next = std::min(next, kPublishPeriod - Seconds(now - last_publish_));
   if (client_.fd >= 0 && !client_.out.empty())
     next = std::min(next, opt_.idle_timeout - Seconds(now - client_.last_output));
   return std::max(next, 0.0);
@@ -220,18 +223,23 @@ void Server::Advance(Clock::time_point now) {
 }
 
 void Server::Publish() {
+  if (!web_on_) {
+    dirty_ = false;
+    return;
+  }
   auto snap = std::make_shared<Snapshot>(MakeSnapshot(sim_, view_));
   snap->seq = ++seq_;
   snap->paused = paused_;
   if (client_.fd >= 0) snap->client = client_.name + " (" + sim_.client() + ")";
-
-  if (web_on_) web_.Publish(std::move(snap));
+  // When the lock is busy the snapshot stays due and is retried a period on.
+  dirty_ = !web_.Publish(std::move(snap));
   last_publish_ = Clock::now();
-  dirty_ = false;
 }
 
 void Server::ApplyControls() {
-  for (const Control& c : web_.TakeControls()) {
+  std::vector<Control> controls;
+  controls_pending_ = !web_.TakeControls(controls);
+  for (const Control& c : controls) {
     switch (c.kind) {
       case Control::kPause:
         Log("live view: simulation paused");

@@ -1,8 +1,9 @@
 #include "web.h"
 
+#include <pthread.h>
+#include <sched.h>
 #include <sys/eventfd.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
+
 #include <unistd.h>
 
 #include <chrono>
@@ -61,23 +62,29 @@ std::shared_ptr<const Snapshot> WebServer::Current() {
   return snapshot_;
 }
 
-void WebServer::Publish(std::shared_ptr<const Snapshot> snapshot) {
+// The loop never waits for the lock: an HTTP thread holding it may have been
+// preempted (they run at idle priority), and the simulation must not wait
+// for it to be scheduled again.
+bool WebServer::Publish(std::shared_ptr<const Snapshot> snapshot) {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
+    if (!lock) return false;
     snapshot_ = std::move(snapshot);
   }
   changed_.notify_all();
+  return true;
 }
 
-std::vector<Control> WebServer::TakeControls() {
+bool WebServer::TakeControls(std::vector<Control>& out) {
+  std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
+  if (!lock) return false;
   std::uint64_t count = 0;
   if (::read(control_fd_, &count, sizeof count) < 0) {
-    // Nothing signalled: the queue is empty or already taken.
+    // Nothing signalled: the queue was emptied by an earlier call.
   }
-  std::lock_guard<std::mutex> lock(mutex_);
-  std::vector<Control> out(controls_.begin(), controls_.end());
+  out.assign(controls_.begin(), controls_.end());
   controls_.clear();
-  return out;
+  return true;
 }
 
 bool WebServer::Start(const std::string& address, int port, std::string& error) {
@@ -182,10 +189,12 @@ bool WebServer::Start(const std::string& address, int port, std::string& error) 
     return false;
   }
   thread_ = std::thread([this] {
-    // A lower priority for this thread and the workers it starts (Linux
-    // threads inherit it): under load the simulation and the control port
-    // get the processor first.
-    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)), 10);
+    // Idle priority for this thread and the workers it starts (threads
+    // inherit their creator's policy): the view is served with the processor
+    // time the simulation and the control port leave over, so a flood of
+    // requests slows the view, never the robot.
+    const sched_param idle{};
+    ::pthread_setschedparam(::pthread_self(), SCHED_IDLE, &idle);
     http_->listen_after_bind();
   });
   return true;

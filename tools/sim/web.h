@@ -4,7 +4,7 @@
 // from the snapshots the simulation loop publishes, and queues the page's
 // controls for the loop. It never touches the simulation itself: the loop
 // stays single-threaded, and a stalled or flooding browser can only occupy
-// this server's own (bounded, low-priority) threads.
+// this server's own (bounded, idle-priority) threads.
 
 #include <condition_variable>
 #include <deque>
@@ -45,12 +45,14 @@ class WebServer {
   void Stop();
   int port() const { return port_; }
 
-  // Replaces the snapshot every request and subscriber sees next.
-  void Publish(std::shared_ptr<const Snapshot> snapshot);
+  // Replaces the snapshot every request and subscriber sees next. False,
+  // without waiting, when an HTTP thread holds the lock: try again later.
+  bool Publish(std::shared_ptr<const Snapshot> snapshot);
 
-  // Readable (eventfd) while controls wait; TakeControls empties the queue.
+  // Readable (eventfd) while controls wait. TakeControls moves the queue
+  // into `out`; false, without waiting, when the lock is busy.
   int control_fd() const { return control_fd_; }
-  std::vector<Control> TakeControls();
+  bool TakeControls(std::vector<Control>& out);
 
  private:
   std::shared_ptr<const Snapshot> Current();
