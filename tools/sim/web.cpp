@@ -93,6 +93,9 @@ bool WebServer::Start(const std::string& address, int port, std::string& error) 
   s.set_write_timeout(kWriteTimeoutS, 0);
   s.set_read_timeout(5, 0);
   s.set_keep_alive_timeout(2);
+  // A script polling /state reuses its connection instead of opening a new
+  // one every few requests.
+  s.set_keep_alive_max_count(1000);
   // Headers and body go out in separate writes; without this the body waits
   // for the client's delayed acknowledgement (tens of milliseconds).
   s.set_tcp_nodelay(true);
