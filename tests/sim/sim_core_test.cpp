@@ -4,9 +4,8 @@
 
 #include <cmath>
 #include <cstdio>
-#include <string>
-#include <vector>
 
+#include "msg/frame.h"
 #include "sim_core.h"
 
 using tarn_sim::RobotSim;
@@ -18,12 +17,8 @@ namespace {
 Message_RTS Request(RTS_key key, int value = 0, const std::string& t1 = "N",
                     const std::string& t2 = "N", const std::string& t3 = "N") {
   Message_RTS m;
-  m.sender_id = "T-0";
-  m.key = key;
-  m.int_param = value;
-  m.text_param1 = t1;
-  m.text_param2 = t2;
-  m.text_param3 = t3;
+  m.sender_id = "T-0", m.key = key, m.int_param = value;
+  m.text_param1 = t1, m.text_param2 = t2, m.text_param3 = t3;
   return m;
 }
 
@@ -78,10 +73,10 @@ TEST(SimCore, DrivesAPathWithinItsLimitsAndReportsEveryWayPoint) {
   RobotSim sim = Robot(500, 1000);
   EXPECT_EQ(Brief(sim.Receive(Travel({{0.8f, 0.0f}, {0.8f, 0.6f}}))), "0");
   Out all;
-  double first_arrival = -1, max_speed = 0, max_accel = 0;
+  double first_arrival = -1, max_accel = 0;
   while (sim.time() < 10 && sim.task_state() == 0) {
     Out step = sim.Advance(0.005);
-    max_speed = std::max(max_speed, sim.velocity());
+
     max_accel = std::max(max_accel, std::fabs(sim.acceleration()));
     if (first_arrival < 0 && !step.empty()) first_arrival = sim.time();
     all.insert(all.end(), step.begin(), step.end());
@@ -89,14 +84,13 @@ TEST(SimCore, DrivesAPathWithinItsLimitsAndReportsEveryWayPoint) {
   EXPECT_EQ(Brief(all), "path:0 path:1 action -1");
   // 0.125 m (0.5 s) to reach 500 mm/s, 0.55 m (1.1 s) cruising, 0.125 m (0.5 s) braking.
   EXPECT_NEAR(first_arrival, 2.1, 0.015);
-  EXPECT_NEAR(max_speed, 500.0, 1e-9);
+
   EXPECT_LE(max_accel, 1000.0 + 1e-6);
-  EXPECT_NEAR(sim.x(), 0.8, 1e-6);
-  EXPECT_NEAR(sim.y(), 0.6, 1e-6);
+  EXPECT_NEAR(std::hypot(sim.x() - 0.8, sim.y() - 0.6), 0, 1e-6);
   EXPECT_NEAR(sim.heading(), M_PI / 2, 1e-9);  // turned to face the second leg
 }
 
-TEST(SimCore, RefusalsSetALatchedErrorAndRefusedActionsAreClosedInOrder) {
+TEST(SimCore, RefusalsReportAnErrorThatClearsAndRefusedActionsAreClosedInOrder) {
   RobotSim sim = Robot();
   sim.Receive(Travel({{0.5f, 0.0f}}));
   sim.Advance(0.2);
@@ -104,10 +98,17 @@ TEST(SimCore, RefusalsSetALatchedErrorAndRefusedActionsAreClosedInOrder) {
   // after the running one, so the client's running list drops them in order.
   EXPECT_EQ(Brief(sim.Receive(Travel({{1.0f, 1.0f}}))), "3");
   EXPECT_EQ(Brief(sim.Receive(Request(KEY_ORIENTATION, 0, "r 1"))), "3");
-  EXPECT_EQ(Brief(sim.Advance(5)), "path:0 action action 3");  // the error is latched
+  // Held while it drives; the arrival after the hold clears it.
+  EXPECT_EQ(Brief(sim.Advance(5)), "path:0 action action -1");
   EXPECT_NEAR(sim.x(), 0.5, 1e-9);
+  // At rest: held 1 s, then cleared by a report of its own; an accepted
+  // command clears it at once.
+  EXPECT_EQ(Brief(sim.Inject(3)), "3");
+  EXPECT_EQ(Brief(sim.Advance(0.99)), "");
+  EXPECT_EQ(Brief(sim.Advance(0.02)), "-1");
+  EXPECT_EQ(Brief(sim.Inject(2)), "2");
   EXPECT_EQ(Brief(sim.Receive(Request(KEY_SET_PARAM, 700, "Speed"))), "");
-  EXPECT_EQ(sim.task_state(), -1);  // until the next accepted command
+  EXPECT_EQ(sim.task_state(), -1);
   EXPECT_EQ(sim.speed_limit(), 700);
 
   // Malformed requests: error 5 and nothing changes.
@@ -116,6 +117,11 @@ TEST(SimCore, RefusalsSetALatchedErrorAndRefusedActionsAreClosedInOrder) {
   EXPECT_EQ(Brief(sim.Receive(Request(KEY_SET_PARAM, 700, "Jerk"))), "5");
   EXPECT_EQ(Brief(sim.Receive(Request(KEY_SET_PARAM, 0, "Acceleration"))), "5");
   EXPECT_EQ(Brief(sim.Receive(Travel({{NAN, 0.0f}}))), "action 5");
+  EXPECT_EQ(Brief(sim.Receive(Travel({{3e38f, 0.0f}}))), "action 5");  // 3e41 mm
+  EXPECT_EQ(Brief(sim.Receive(Request(KEY_INIT, 0, "1e306", "0", "0"))),
+            "5");  // inf mm
+                   // A message announcing a huge number of actions (not decoded): one refusal.
+  EXPECT_EQ(Brief(sim.Receive(Travel({}), 1000000)), "5");
   EXPECT_EQ(sim.accel_limit(), 800);
   EXPECT_EQ(sim.heading(), 0.0);
   EXPECT_EQ(Brief(sim.Receive(Travel({{1.0f, 0.0f}}, 2))), "action 4");  // travel is all it does
@@ -143,26 +149,30 @@ TEST(SimCore, PeriodicReportsAndBattery) {
   EXPECT_EQ(count, 10u);
   EXPECT_NEAR(sim.voltage(), 26.4 - 2 * 0.002, 1e-9);
 
-  SimConfig config;
-  config.drain_idle = 1.0;
-  RobotSim flat(config);
+  SimConfig draining;
+  draining.drain_idle = 1.0;
+  RobotSim flat(draining);
   flat.Advance(100);
   EXPECT_DOUBLE_EQ(flat.voltage(), 22.0);
 }
 
-TEST(SimCore, InitKillAndALeavingClientStopTheRobot) {
+TEST(SimCore, InitKillAndALeavingClient) {
   RobotSim sim = Robot();
   Out out = sim.Receive(Request(KEY_INIT, 0, "1.500000", "-0.250000", "0.500000"));
-  EXPECT_EQ(Brief(out), "SV-0 -> T-0 KEY_INIT -1");
+  // The report first, so the pose is current when the client turns online.
+  EXPECT_EQ(Brief(out), "-1 SV-0 -> T-0 KEY_INIT");
   // Metres in, metres out; the third INIT number is the heading.
-  EXPECT_EQ(out.back().text_param1, "26.40 1.500 -0.250 -1 0.5000 0.0 0.0");
+  EXPECT_EQ(out.front().text_param1, "26.40 1.500 -0.250 -1 0.5000 0.0 0.0");
+  EXPECT_EQ(out.front().text_param3, "online");
 
   sim.Receive(Travel({{2.0f, 0.0f}, {2.0f, 2.0f}}));
   sim.Advance(0.5);
   sim.Receive(Travel({{9.0f, 9.0f}}));  // refused: busy
   const double x = sim.x();
   // The running action and the refused one are closed before the ack.
-  EXPECT_EQ(Brief(sim.Receive(Request(KEY_KILL))), "action action SV-0 -> T-0 KEY_KILL -1");
+  out = sim.Receive(Request(KEY_KILL));
+  EXPECT_EQ(Brief(out), "action action -1 SV-0 -> T-0 KEY_KILL");
+  EXPECT_EQ(out[2].text_param3, "offline");
   // Offline now: motion is refused with error 2 and its action closed at
   // once; an INIT whose numbers do not parse is not acknowledged (error 5).
   EXPECT_EQ(Brief(sim.Receive(Travel({{1.0f, 0.0f}}))), "action 2");
@@ -171,17 +181,35 @@ TEST(SimCore, InitKillAndALeavingClientStopTheRobot) {
   sim.Advance(1.0);
   EXPECT_DOUBLE_EQ(sim.x(), x);
 
-  // A client leaving stops the robot; the next client finds it online, with
-  // its settings.
+  // A client leaving: the robot finishes its path without progress reports
+  // for the next client, and that one finds it online, with its settings.
   sim = Robot();
-  sim.Receive(Travel({{2.0f, 0.0f}}));
+  sim.Receive(Travel({{2.0f, 0.0f}, {2.0f, 1.0f}}));
   sim.Advance(1.0);
-  const double stopped_at = sim.x();
   sim.ClientLeft();
-  EXPECT_EQ(Brief(sim.Advance(3.0)), "");  // driving on, it would have arrived
-  EXPECT_DOUBLE_EQ(sim.x(), stopped_at);
+  EXPECT_EQ(Brief(sim.Advance(2.0)), "");
+  sim.Receive(Request(KEY_CONNECT));
+  EXPECT_EQ(Brief(sim.Advance(5.0)), "-1");
+  EXPECT_DOUBLE_EQ(sim.y(), 1.0);
+  EXPECT_TRUE(sim.route()[1].passed);
   EXPECT_TRUE(sim.online());
   EXPECT_EQ(sim.speed_limit(), 1000);
+}
+
+TEST(SimCore, ScreeningFramesBeforeDecodingThem) {
+  Message_RTS m = Request(KEY_ACTION);
+  std::string body = m.str();  // ends '%', the count (0), '%'
+  body.replace(body.size() - 5, 4, std::string("\x40\x42\x0f\x00", 4));  // 1,000,000
+  std::string buffer = make_frame(body) + "#tail";
+  std::uint32_t announced = 0;
+  EXPECT_EQ(tarn_sim::ScreenFrame(buffer, announced), tarn_sim::Screen::kPass);
+  EXPECT_EQ(announced, 1000000u);
+  EXPECT_EQ(buffer, make_frame(m.str()) + "#tail");  // the count zeroed in place
+  body[4] = '\x7f';                                  // the sender's length reaches past the frame
+  buffer = make_frame(body);
+  EXPECT_EQ(tarn_sim::ScreenFrame(buffer, announced), tarn_sim::Screen::kDiscard);
+  buffer.pop_back();  // incomplete: left to the frame cutter
+  EXPECT_EQ(tarn_sim::ScreenFrame(buffer, announced), tarn_sim::Screen::kPass);
 }
 
 TEST(SimCore, DescribeShowsEveryFieldAndEscapesBinary) {

@@ -2,7 +2,9 @@
 // developing and testing applications without the real installation.
 
 #include <signal.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -20,18 +22,49 @@ void OnSignal(int) {
 }
 
 void Usage(std::ostream& out) {
-  out << "Usage: tarn-sim [--address A] [--port N] [--rate HZ] [--quiet]\n"
+  out << "Usage: tarn-sim [--address A] [--port N] [--rate HZ] [--idle-timeout S]\n"
+         "                [--http-port N | --no-web] [--quiet]\n"
          "\n"
          "A control server with one simulated robot (R-0) behind it. Serves one\n"
-         "client at a time and keeps serving after a client leaves.\n"
+         "client at a time and closes other connections at once.\n"
          "\n"
-         "  --address A   IPv4 address to listen on (default 127.0.0.1)\n"
-         "  --port N      TCP port (default 6868)\n"
-         "  --rate HZ     periodic status reports per second, 0 for none (default 10)\n"
-         "  --quiet       no log line per message\n"
-         "  --help        this text\n"
+         "  --address A        IPv4 address to listen on (default 127.0.0.1)\n"
+         "  --port N           TCP port (default 6868)\n"
+         "  --rate HZ          periodic status reports per second, 0 for none (default 10)\n"
+         "  --idle-timeout S   a client that has sent nothing for S seconds gives way\n"
+         "                     to a new one; one that reads none of its replies for\n"
+         "                     S seconds is dropped (default 30)\n"
+         "  --http-port N      port of the live view on the same address (default 6869)\n"
+         "  --no-web           no live view\n"
+         "  --quiet            no log lines; only errors, the listening line and the\n"
+         "                     live view's address\n"
+         "  --help             this text\n"
          "\n"
-         "Stop it with Ctrl-C (SIGINT) or SIGTERM.\n";
+         "The robot:\n"
+         "  - INIT puts it online at the given pose (Robot::Init takes millimetres\n"
+         "    and sends metres; the third number is the heading in radians);\n"
+         "    KILL takes it offline and stops it. Each is answered by a status\n"
+         "    report first and then its acknowledgement, so the pose is current\n"
+         "    when `online` changes. Reports carry online/offline in text 3.\n"
+         "  - It drives a path at most at the speed and acceleration set, stops on\n"
+         "    every way-point and turns on the spot towards the next.\n"
+         "  - Refusals set the task state to an error code:\n"
+         "      2 not online          motion while offline\n"
+         "      3 busy                motion while an action or turn is under way\n"
+         "      4 unsupported action  action type other than 1 (travel)\n"
+         "      5 bad parameter       a number that does not parse, is not finite or\n"
+         "                            is beyond 10,000 km; an unknown parameter; more\n"
+         "                            than 64 actions in one message\n"
+         "    A refusal is answered at once by a status report with the code. The\n"
+         "    code stays until the robot is at rest and at least 1 s has passed,\n"
+         "    then clears to -1 (free) with a status report; an accepted command\n"
+         "    clears it at once. A loop waiting for -1 therefore always ends.\n"
+         "  - When its client leaves, the robot finishes the running action and\n"
+         "    stays online with its pose, limits and battery for the next client.\n"
+         "\n"
+         "The live view (http://127.0.0.1:6869/ by default) shows the robot on a\n"
+         "map; /state is the whole state as JSON, /events the same as server-sent\n"
+         "events. Stop the simulator with Ctrl-C (SIGINT) or SIGTERM.\n";
 }
 
 bool ParseDouble(const char* text, double& out) {
@@ -61,6 +94,21 @@ int main(int argc, char** argv) {
         return 2;
       }
       options.port = static_cast<int>(port);
+    } else if (arg == "--no-web") {
+      options.web = false;
+    } else if (arg == "--http-port" && has_value) {
+      double port = 0;
+      if (!ParseDouble(argv[++i], port) || port < 0 || port > 65535 || port != std::floor(port)) {
+        std::cerr << "tarn-sim: --http-port needs a number from 0 to 65535\n";
+        return 2;
+      }
+      options.http_port = static_cast<int>(port);
+    } else if (arg == "--idle-timeout" && has_value) {
+      if (!ParseDouble(argv[++i], options.idle_timeout) || options.idle_timeout <= 0 ||
+          options.idle_timeout > 86400) {
+        std::cerr << "tarn-sim: --idle-timeout needs a number of seconds above 0, at most 86400\n";
+        return 2;
+      }
     } else if (arg == "--rate" && has_value) {
       if (!ParseDouble(argv[++i], options.rate_hz) || options.rate_hz < 0 ||
           options.rate_hz > 1000) {
@@ -82,6 +130,14 @@ int main(int argc, char** argv) {
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+
+  // Browsers opening many connections at once must not use up the
+  // descriptors the control port needs: take what the hard limit allows.
+  rlimit files{};
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = std::max(files.rlim_cur, std::min<rlim_t>(files.rlim_max, 65536));
+    setrlimit(RLIMIT_NOFILE, &files);
+  }
 
   return tarn_sim::RunServer(options, g_stop);
 }

@@ -1,48 +1,86 @@
 #include "server.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/ioctl.h>
-
+#include <sys/socket.h>
 #include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
 
+#include "msg/frame.h"
 #include "msg/msg.h"
 #include "net/Socket.h"
 #include "sim_core.h"
+#include "view.h"
+#include "web.h"
 
 namespace tarn_sim {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Longest wait in poll(): the simulation and the periodic reports advance at
-// least this often even when no byte arrives.
-constexpr int kPollMs = 5;
-// More buffered bytes than the largest frame the receive path accepts can
-// only come from a client that is not speaking the protocol.
-constexpr std::size_t kMaxBuffered = 2 * 1000000;
-// Consecutive sends refused because the client does not read: after this
-// many the client is considered gone.
-constexpr int kMaxBlockedSends = 50;
-// Upper bound of receive calls per wake-up, so one chatty client cannot
-// starve the simulation.
-constexpr int kMaxReceivesPerWake = 1000;
-// Most bytes one receive of the socket layer takes in.
-constexpr std::size_t kMaxReceiveBytes = 102400;
+// Longest sleep: even with nothing scheduled the loop samples the battery and
+// refreshes the live view once a second.
+constexpr double kMaxSleep = 1.0;
+// The live view gets at most this many snapshots per second.
+constexpr double kPublishPeriod = 0.04;
+// Bytes read ahead of the frame cutter. More than the largest frame, so a
+// frame of any accepted size can complete; a pipelining client simply waits
+// in the kernel's buffers beyond that, which is backpressure, not an error.
+constexpr std::size_t kReadAhead = 1100000;
+// Bytes read ahead while the frame in front is small: the frame cutter moves
+// the rest of the buffer forward for every frame it takes, so the buffer is
+// kept short unless a large frame needs the room.
+constexpr std::size_t kSmallReadAhead = 65536;
+// Messages handled per wake-up before the simulation gets its turn.
+constexpr int kMaxMessagesPerWake = 5000;
+// Unsent output beyond this means the client stopped reading long ago.
+constexpr std::size_t kMaxPending = 8 * 1000000;
+
+double Seconds(Clock::duration d) {
+  return std::chrono::duration<double>(d).count();
+}
+
+std::uint32_t Le32(const std::string& b, std::size_t at) {
+  std::uint32_t v = 0;
+  for (std::size_t i = 0; i < 4; ++i)
+    v |= static_cast<std::uint32_t>(static_cast<unsigned char>(b[at + i])) << (8 * i);
+  return v;
+}
+
+// How many bytes to hold before cutting frames: room for the frame in front
+// when it is a large one still arriving, otherwise a short read-ahead.
+std::size_t ReadAhead(const std::string& in) {
+  if (in.size() < frame_header_size || in[0] != header) return kSmallReadAhead;
+  return std::min(kReadAhead, std::max(kSmallReadAhead, std::size_t{Le32(in, 5)} + 10));
+}
+
+struct Peer {
+  int fd = -1;
+  std::string name;  // "127.0.0.1:40312"
+  std::string in;
+  std::string out;
+  Clock::time_point last_input;
+  Clock::time_point last_output;  // last time pending output moved
+};
 
 class Server {
  public:
   Server(const ServerOptions& options, volatile std::sig_atomic_t& stop)
       : opt_(options), stop_(stop), sim_(MakeConfig(options)), start_(Clock::now()) {}
+  ~Server() { Close(client_); }
 
-  int Run();
+  int Run(void (*on_ready)(int));
 
  private:
   static SimConfig MakeConfig(const ServerOptions& o) {
@@ -53,30 +91,48 @@ class Server {
 
   void Log(const std::string& line) {
     if (opt_.quiet) return;
-    double t = std::chrono::duration<double>(Clock::now() - start_).count();
     char stamp[32];
-    std::snprintf(stamp, sizeof stamp, "[%9.3f] ", t);
+    std::snprintf(stamp, sizeof stamp, "[%9.3f] ", Seconds(Clock::now() - start_));
     std::cout << stamp << line << std::endl;
   }
 
+  static void Close(Peer& p) {
+    if (p.fd >= 0) ::close(p.fd);
+    p = Peer();
+  }
+
   void Accept();
-  void ReceiveFromClient();
+  void ReadClient();
+  void HandleInput();
+  void Handle(const Message_RTS& m, std::uint32_t announced);
   void Deliver(const std::vector<Message_RTS>& messages);
+  void Flush();
   void DropClient(const std::string& why);
-  void CheckStuck();
+  void CheckTimeouts(Clock::time_point now);
+  void ApplyControls();
+  void Advance(Clock::time_point now);
+  void Publish();
+  double NextWake(Clock::time_point now) const;
 
   ServerOptions opt_;
   volatile std::sig_atomic_t& stop_;
   RobotSim sim_;
+  ViewLog view_;
+  WebServer web_;
+  bool web_on_ = false;
   Clock::time_point start_;
+  Clock::time_point last_advance_;
+  Clock::time_point last_publish_;
+  bool dirty_ = true;
+  bool paused_ = false;
+  bool more_input_ = false;
+  bool controls_pending_ = false;  // the queue's lock was busy: retry
+  unsigned long seq_ = 0;
   Socket listener_;
-  std::unique_ptr<Socket> client_;
-  MailBox box_;
-  Clock::time_point last_progress_;
-  int blocked_sends_ = 0;
+  Peer client_;
 };
 
-int Server::Run() {
+int Server::Run(void (*on_ready)(int)) {
   try {
     listener_.Server_init(opt_.address, opt_.port);
   } catch (const SocketException& e) {
@@ -84,156 +140,312 @@ int Server::Run() {
               << e.m_message << std::endl;
     return 1;
   }
+  sockaddr_in bound{};
+  socklen_t len = sizeof bound;
+  ::getsockname(listener_.m_sock, reinterpret_cast<sockaddr*>(&bound), &len);
+  if (opt_.web) {
+    std::string error;
+    web_on_ = web_.Start(opt_.address, opt_.http_port, error);
+    // Scripts and people look for this line, so it is printed even when
+    // quiet; without the view the simulator still serves its control port.
+    if (web_on_)
+      std::cout << "live view: http://" << opt_.address << ':' << web_.port() << '/' << std::endl;
+    else
+      std::cerr << "tarn-sim: live view not available: " << error << std::endl;
+  }
   char ready[96];
   std::snprintf(ready, sizeof ready, "simulated robot R-0 ready; status reports at %g Hz",
                 opt_.rate_hz);
   Log(ready);
+  if (on_ready) on_ready(ntohs(bound.sin_port));
 
-  Clock::time_point last = Clock::now();
+  last_advance_ = last_publish_ = Clock::now();
+  Publish();
   while (!stop_) {
-    pollfd fds[2] = {{listener_.m_sock, POLLIN, 0}, {client_ ? client_->m_sock : -1, POLLIN, 0}};
-    int ready = ::poll(fds, 2, kPollMs);
-    if (ready < 0 && errno != EINTR) {
+    Clock::time_point now = Clock::now();
+    const int timeout = more_input_ ? 0 : static_cast<int>(std::ceil(NextWake(now) * 1000));
+    pollfd fds[3] = {
+        {listener_.m_sock, POLLIN, 0},
+        {client_.fd, static_cast<short>(POLLIN | (client_.out.empty() ? 0 : POLLOUT)), 0},
+        {web_on_ ? web_.control_fd() : -1, POLLIN, 0}};
+    // Input is not read while a full buffer of it waits to be cut: the rest
+    // stays in the kernel and the client is slowed down, not dropped.
+    if (client_.in.size() >= ReadAhead(client_.in)) fds[1].events &= ~POLLIN;
+    const int ready_count = ::poll(fds, 3, timeout);
+    if (ready_count < 0 && errno != EINTR) {
       std::cerr << "tarn-sim: poll: " << std::strerror(errno) << std::endl;
       return 1;
     }
     if (stop_) break;
-    if (ready > 0) {
+    now = Clock::now();
+    Advance(now);
+    if (ready_count > 0) {
+      if (fds[2].revents & POLLIN) ApplyControls();
       // The current client first: if it has just hung up, a client waiting
-      // to be accepted in the same wake-up is then served instead of refused.
-      if (client_ && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) ReceiveFromClient();
+      // to be accepted in the same wake-up is then served instead.
+      if (client_.fd >= 0 && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) ReadClient();
+      if (client_.fd >= 0 && (fds[1].revents & POLLOUT)) Flush();
+
       if (fds[0].revents & POLLIN) Accept();
     }
-    if (client_) CheckStuck();
-
-    Clock::time_point now = Clock::now();
-    std::vector<Message_RTS> reports =
-        sim_.Advance(std::chrono::duration<double>(now - last).count());
-    last = now;
-    if (client_) Deliver(reports);
+    if (controls_pending_) ApplyControls();
+    if (more_input_ && client_.fd >= 0) HandleInput();
+    // One write per wake-up for everything the client is owed, so the
+    // replies to pipelined requests leave together.
+    if (client_.fd >= 0 && !client_.out.empty()) Flush();
+    CheckTimeouts(now);
+    if (dirty_ && Seconds(Clock::now() - last_publish_) >= kPublishPeriod) Publish();
   }
-  if (client_) DropClient("simulator stopping");
+  if (client_.fd >= 0) DropClient("simulator stopping");
+  web_.Stop();
   Log("stopped");
   return 0;
 }
 
-void Server::Accept() {
-  int fd = listener_.Accpet_client();
-  if (fd < 0) return;
-  if (client_) {
-    // One client at a time: a second one is told so by an immediate close
-    // rather than left hanging in the backlog without any report.
-    ::close(fd);
-    Log("refused a second client: already serving one");
-    return;
-  }
-  client_ = std::make_unique<Socket>();
-  client_->Get(fd);
-  box_ = MailBox();
-  last_progress_ = Clock::now();
-  blocked_sends_ = 0;
-  Log("client connected");
+double Server::NextWake(Clock::time_point now) const {
+  double next = kMaxSleep;
+  if (!paused_) next = std::min(next, sim_.NextEventIn() - Seconds(now - last_advance_));
+  if (dirty_ || controls_pending_)
+    next = std::min(next, kPublishPeriod - Seconds(now - last_publish_));
+  if (client_.fd >= 0 && !client_.out.empty())
+    next = std::min(next, opt_.idle_timeout - Seconds(now - client_.last_output));
+  return std::max(next, 0.0);
 }
 
-void Server::ReceiveFromClient() {
-  for (int i = 0; i < kMaxReceivesPerWake && client_; ++i) {
-    // What the call's single receive will add to the buffer, so that bytes
-    // the receive path throws away can be told from bytes still waiting.
-    int pending = 0;
-    if (::ioctl(client_->m_sock, FIONREAD, &pending) != 0 || pending < 0) pending = 0;
-    const std::size_t before =
-        client_->m_buffer.size() + std::min<std::size_t>(pending, kMaxReceiveBytes);
-    const std::size_t unchanged = client_->m_buffer.size();
-    int result = 0;
+void Server::Advance(Clock::time_point now) {
+  const double dt = Seconds(now - last_advance_);
+  last_advance_ = now;
+  if (paused_) return;
+  const std::vector<Message_RTS> reports = sim_.Advance(dt);
+  view_.Sample(sim_);
+  dirty_ = true;
+  Deliver(reports);
+}
+
+void Server::Publish() {
+  if (!web_on_) {
+    dirty_ = false;
+    return;
+  }
+  auto snap = std::make_shared<Snapshot>(MakeSnapshot(sim_, view_));
+  snap->seq = ++seq_;
+  snap->paused = paused_;
+  if (client_.fd >= 0) snap->client = client_.name + " (" + sim_.client() + ")";
+  // When the lock is busy the snapshot stays due and is retried a period on.
+  dirty_ = !web_.Publish(std::move(snap));
+  last_publish_ = Clock::now();
+}
+
+void Server::ApplyControls() {
+  std::vector<Control> controls;
+  controls_pending_ = !web_.TakeControls(controls);
+  for (const Control& c : controls) {
+    switch (c.kind) {
+      case Control::kPause:
+        Log("live view: simulation paused");
+        paused_ = true;
+        break;
+      case Control::kResume:
+        Log("live view: simulation resumed");
+        paused_ = false;
+        break;
+      case Control::kInject:
+        Log("live view: injected error " + std::to_string(c.code));
+        Deliver(sim_.Inject(c.code));
+        break;
+      case Control::kDrop:
+        if (client_.fd >= 0) DropClient("dropped from the live view");
+        break;
+    }
+    dirty_ = true;
+  }
+}
+
+void Server::Accept() {
+  sockaddr_in peer{};
+  socklen_t len = sizeof peer;
+  const int fd = ::accept4(listener_.m_sock, reinterpret_cast<sockaddr*>(&peer), &len,
+                           SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (fd < 0) return;
+  // Replies are written once per wake-up; Nagle's delay would only hold the
+  // second of two back-to-back writes until the first is acknowledged.
+  const int one = 1;
+  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  Peer p;
+  p.fd = fd;
+  p.name = std::string(inet_ntoa(peer.sin_addr)) + ':' + std::to_string(ntohs(peer.sin_port));
+  p.last_input = p.last_output = Clock::now();
+  dirty_ = true;
+  if (client_.fd >= 0) {
+    // One client at a time. A newcomer is told at once by the close, rather
+    // than left hanging without any report, unless the current client has
+    // fallen silent: then it gives way, so that a forgotten connection
+    // cannot hold the robot for good.
+    if (Seconds(p.last_input - client_.last_input) < opt_.idle_timeout) {
+      ::close(fd);
+      Log("refused a second client (" + p.name + "): already serving one");
+      return;
+    }
+    char why[96];
+    std::snprintf(why, sizeof why, "silent for %g s while another client connects",
+                  opt_.idle_timeout);
+    DropClient(why);
+  }
+  client_ = std::move(p);
+  Log("client connected (" + client_.name + ")");
+}
+
+void Server::ReadClient() {
+  char chunk[65536];
+  while (client_.fd >= 0 && client_.in.size() < ReadAhead(client_.in)) {
+    const ssize_t n = ::recv(client_.fd, chunk, sizeof chunk, 0);
+    if (n == 0) {
+      DropClient("client closed the connection");
+      return;
+    }
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      // A reset is how a peer's close arrives when replies were still on
+      // their way to it: the client left all the same.
+      if (errno == ECONNRESET)
+        DropClient("client closed the connection");
+      else if (errno != EAGAIN && errno != EWOULDBLOCK)
+        DropClient(std::string("receive failed: ") + std::strerror(errno));
+      break;
+    }
+    client_.in.append(chunk, static_cast<std::size_t>(n));
+    client_.last_input = Clock::now();
+    if (static_cast<std::size_t>(n) < sizeof chunk) break;
+  }
+  if (client_.fd >= 0) HandleInput();
+}
+
+void Server::HandleInput() {
+  more_input_ = false;
+  std::string& in = client_.in;
+  for (int handled = 0; client_.fd >= 0; ++handled) {
+    if (handled == kMaxMessagesPerWake) {
+      more_input_ = true;  // the rest after the simulation had its turn
+      return;
+    }
+    const std::size_t before = in.size();
+    std::uint32_t announced = 0;
+    if (ScreenFrame(in, announced) == Screen::kDiscard) {
+      DropClient("malformed input (a text length reaches outside its frame)");
+      return;
+    }
+    MailBox box;
     try {
-      result = recv_msg(*client_, box_);
+      file_frame(in, box, 1);
     } catch (const std::exception& e) {
       DropClient(std::string("malformed input (") + e.what() + ")");
       return;
     }
-    if (result == -2) {
-      DropClient("client closed the connection");
-      return;
-    }
-    const std::size_t after = client_->m_buffer.size();
-
-    // Every message filed, in arrival order: a client sends under one node
-    // id, and the box is emptied after each call, so nothing is reordered.
     bool filed = false;
-    for (auto& entry : box_.inbox) {
+    for (auto& entry : box.inbox) {
       for (const Message_RTS& m : entry.second) {
         filed = true;
-        Log("recv " + Describe(m));
-        const bool known = m.key == KEY_CONNECT || m.key == KEY_INIT || m.key == KEY_KILL ||
-                           m.key == KEY_ORIENTATION || m.key == KEY_ACTION ||
-                           m.key == KEY_GET_DETAIL || m.key == KEY_SET_PARAM;
-        if (!known) Log("   ignored: not a request this robot serves");
-        Deliver(sim_.Receive(m));
-        if (!client_) return;
+        Handle(m, announced);
       }
-      entry.second.clear();
     }
-    if (filed || after == 0) last_progress_ = Clock::now();
     if (filed) continue;
-    if (after < before) {
-      Log("malformed input: discarded " + std::to_string(before - after) + " bytes");
+    if (in.size() != before) {
+      Log("malformed input: discarded " + std::to_string(before - in.size()) + " bytes");
       continue;
     }
-    // Nothing filed and nothing cut: either a frame still arriving or one the
-    // receive path will not get past; CheckStuck tells them apart by time.
-    if (after == unchanged) break;
+    // Nothing filed and nothing cut. A complete frame at the front that the
+    // cutter leaves in place is of another type or does not decode, and
+    // would block everything behind it for good; otherwise a frame is still
+    // arriving or bytes wait for a frame marker, which is given up once the
+    // read-ahead is full (no frame can be that long).
+    if (in.size() >= frame_header_size && in[0] == header) {
+      const std::uint32_t length = Le32(in, 5);
+      if (in.size() >= std::size_t{length} + 10) {
+        const std::uint32_t type = Le32(in, 1);
+        DropClient("no message readable from " + std::to_string(in.size()) + " buffered bytes: " +
+                   (static_cast<std::int32_t>(type) != frame_type
+                        ? "a frame of unknown type " + std::to_string(type)
+                        : "a frame whose message does not decode") +
+                   " is in front");
+        return;
+      }
+    }
+    if (in.size() >= ReadAhead(in))
+      DropClient("no message readable from " + std::to_string(in.size()) + " buffered bytes: " +
+                 (in[0] == header ? "no frame can be that long" : "no frame marker"));
+    return;
   }
 }
 
-void Server::CheckStuck() {
-  const std::size_t buffered = client_->m_buffer.size();
-  if (buffered == 0) return;
-  const double idle = std::chrono::duration<double>(Clock::now() - last_progress_).count();
-  if (buffered <= kMaxBuffered && idle < opt_.stuck_timeout) return;
-  // A frame of a wrong type or one that does not decode stays at the front
-  // of the receive buffer for good: no later message from this client could
-  // ever be read, so the connection is of no more use.
-  std::string head;
-  for (std::size_t i = 0; i < buffered && i < 16; ++i) {
-    char hex[4];
-    std::snprintf(hex, sizeof hex, " %02x", static_cast<unsigned char>(client_->m_buffer[i]));
-    head += hex;
-  }
-  DropClient("no message readable from " + std::to_string(buffered) + " buffered bytes (starting" +
-             head + ")");
+void Server::Handle(const Message_RTS& m, std::uint32_t announced) {
+  // Described only when logged: a pipelining client sends tens of thousands
+  // of messages a second.
+  if (!opt_.quiet)
+    Log("recv " + Describe(m) +
+        (announced ? " (announcing " + std::to_string(announced) + " actions, not decoded)" : ""));
+  view_.Message(sim_.time(), true, m);
+  dirty_ = true;
+  const std::vector<Message_RTS> replies = sim_.Receive(m, announced);
+  if (replies.empty() && m.key != KEY_CONNECT && m.key != KEY_SET_PARAM)
+    Log("   ignored: not a request this robot serves");
+  Deliver(replies);
 }
 
 void Server::Deliver(const std::vector<Message_RTS>& messages) {
-  if (!sim_.registered()) return;
-  for (const Message_RTS& m : messages) {
-    if (!client_) return;
-    Message_RTS copy = m;
-    Log("send " + Describe(copy));
-    if (send_msg(*client_, copy)) {
-      blocked_sends_ = 0;
+  if (client_.fd < 0 || !sim_.registered()) return;
+  for (Message_RTS m : messages) {
+    if (!opt_.quiet) Log("send " + Describe(m));
+    view_.Message(sim_.time(), false, m);
+    if (client_.out.empty()) client_.last_output = Clock::now();
+    client_.out += Frame(m);
+  }
+  if (!messages.empty()) dirty_ = true;
+}
+
+void Server::Flush() {
+  while (client_.fd >= 0 && !client_.out.empty()) {
+    const ssize_t n = ::send(client_.fd, client_.out.data(), client_.out.size(), MSG_NOSIGNAL);
+    if (n > 0) {
+      client_.out.erase(0, static_cast<std::size_t>(n));
+      client_.last_output = Clock::now();
       continue;
     }
-    if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      Log("   not sent: the client is not reading");
-      if (++blocked_sends_ >= kMaxBlockedSends) DropClient("client stopped reading");
-    } else {
-      DropClient(std::string("send failed: ") + std::strerror(errno));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      if (client_.out.size() > kMaxPending)
+        DropClient("client stopped reading (" + std::to_string(client_.out.size()) +
+                   " bytes unsent)");
+      return;
     }
+    DropClient(errno == EPIPE || errno == ECONNRESET
+                   ? std::string("client closed the connection")
+                   : std::string("send failed: ") + std::strerror(errno));
+  }
+}
+
+void Server::CheckTimeouts(Clock::time_point now) {
+  if (client_.fd < 0 || client_.out.empty()) return;
+  if (Seconds(now - client_.last_output) >= opt_.idle_timeout) {
+    char why[96];
+    std::snprintf(why, sizeof why, "client has not read for %g s", opt_.idle_timeout);
+    DropClient(why);
   }
 }
 
 void Server::DropClient(const std::string& why) {
-  Log("client dropped: " + why);
-  client_.reset();  // closes the descriptor
-  box_ = MailBox();
+  Log("client dropped: " + why + " (" + client_.name + ")");
+  Close(client_);
+  more_input_ = false;
   sim_.ClientLeft();
+  dirty_ = true;
 }
 
 }  // namespace
 
-int RunServer(const ServerOptions& options, volatile std::sig_atomic_t& stop) {
+int RunServer(const ServerOptions& options, volatile std::sig_atomic_t& stop,
+              void (*on_ready)(int)) {
   Server server(options, stop);
-  return server.Run();
+  return server.Run(on_ready);
 }
 
 }  // namespace tarn_sim

@@ -1,7 +1,9 @@
 #pragma once
 
-// The I/O loop of tarn-sim: a listening Socket, at most one client at a time,
-// the simulated robot advanced by the wall clock between polls.
+// The I/O loop of tarn-sim: a listening socket, one client served at a time,
+// the simulated robot advanced by the wall clock, and
+// the live view fed with snapshots. Single-threaded apart from the live
+// view's HTTP threads, which only read published snapshots.
 
 #include <csignal>
 #include <string>
@@ -10,16 +12,21 @@ namespace tarn_sim {
 
 struct ServerOptions {
   std::string address = "127.0.0.1";
-  int port = 6868;
+  int port = 6868;  // 0: any free port (tests)
   double rate_hz = 10;
   bool quiet = false;
-  // A client whose buffered bytes have not produced a message for this long
-  // is dropped (seconds); see Server::Run.
-  double stuck_timeout = 2.0;
+  // A client that has sent nothing for this long gives way to a new one that
+  // connects; one that has not taken any of its pending output for this long
+  // is dropped (seconds).
+  double idle_timeout = 30;
+  bool web = true;
+  int http_port = 6869;  // 0: any free port
 };
 
 // Serves clients until `stop` becomes non-zero. Returns the process's exit
-// status: 0 after a requested stop, 1 when the address cannot be bound.
-int RunServer(const ServerOptions& options, volatile std::sig_atomic_t& stop);
+// status: 0 after a requested stop, 1 when the control port cannot be bound.
+// `on_ready`, when given, is called once with the bound control port.
+int RunServer(const ServerOptions& options, volatile std::sig_atomic_t& stop,
+              void (*on_ready)(int port) = nullptr);
 
 }  // namespace tarn_sim

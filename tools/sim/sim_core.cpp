@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <sstream>
 
 namespace tarn_sim {
@@ -21,6 +22,15 @@ constexpr double kPi = 3.14159265358979323846;
 constexpr double kArriveMm = 1e-3;
 // Heading error below which the robot drives instead of turning (rad).
 constexpr double kFacingTolerance = 1e-6;
+// Largest coordinate accepted (mm): beyond it the report's fixed-point text
+// would no longer be a short number, and no site is 10,000 km wide.
+constexpr double kMaxCoordinateMm = 1e10;
+// Integration step the caller should wake at while the robot moves (s).
+constexpr double kMotionTick = 0.01;
+
+bool CoordinateOk(double mm) {
+  return std::isfinite(mm) && std::fabs(mm) <= kMaxCoordinateMm;
+}
 
 // Normalises an angle into (-pi, pi].
 double Wrap(double a) {
@@ -92,6 +102,7 @@ Message_RTS RobotSim::StatusReport() const {
   m.key = KEY_DETAIL;
   m.text_param1 = text;
   m.text_param2 = kRobotId;
+  m.text_param3 = online_ ? "online" : "offline";
   return m;
 }
 
@@ -122,7 +133,8 @@ void RobotSim::FlushClosures(std::vector<Message_RTS>& out) {
 void RobotSim::StopAll(std::vector<Message_RTS>& out) {
   // Every cancelled action is closed, oldest first, so that the client's list
   // of running actions empties along with the robot's.
-  for (std::size_t i = 0; i < runs_.size(); ++i) out.push_back(Progress("action", 0, ""));
+  for (const Run& run : runs_)
+    if (run.reported) out.push_back(Progress("action", 0, ""));
   runs_.clear();
   FlushClosures(out);
   turning_ = false;
@@ -130,25 +142,47 @@ void RobotSim::StopAll(std::vector<Message_RTS>& out) {
   accel_ = 0;
 }
 
-void RobotSim::Refuse(int code, std::size_t actions, std::vector<Message_RTS>& out) {
-  // The error stays latched (reported as the task state) until the next
-  // accepted command, INIT or KILL clears it.
+void RobotSim::SetError(int code) {
   error_ = code;
+  error_until_ = time_ + cfg_.error_hold;
+}
+
+void RobotSim::Refuse(int code, std::size_t actions, std::vector<Message_RTS>& out) {
+  SetError(code);
   pending_closures_ += static_cast<int>(actions);
   if (runs_.empty()) FlushClosures(out);
   out.push_back(StatusReport());
 }
 
+void RobotSim::ClearErrorIfDue(std::vector<Message_RTS>& out) {
+  if (error_ == 0 || busy() || time_ + 1e-9 < error_until_) return;
+  error_ = 0;
+  out.push_back(StatusReport());
+}
+
+std::vector<Message_RTS> RobotSim::Inject(int code) {
+  std::vector<Message_RTS> out;
+  Refuse(code, 0, out);
+  return out;
+}
+
 void RobotSim::ClientLeft() {
-  std::vector<Message_RTS> discarded;
-  StopAll(discarded);
+  for (Run& run : runs_) run.reported = false;
   pending_closures_ = 0;
   registered_ = false;
   error_ = 0;
   client_ = kClientId;
 }
 
-std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in) {
+double RobotSim::NextEventIn() const {
+  double next = std::numeric_limits<double>::infinity();
+  if (busy()) next = kMotionTick;
+  if (registered_ && cfg_.report_rate_hz > 0) next = std::min(next, next_report_ - time_);
+  if (error_ != 0) next = std::min(next, error_until_ - time_);
+  return std::max(next, 0.0);
+}
+
+std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in, std::uint32_t announced) {
   std::vector<Message_RTS> out;
   switch (in.key) {
     case KEY_CONNECT:
@@ -160,9 +194,9 @@ std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in) {
     case KEY_INIT: {
       double x = 0, y = 0, h = 0;
       if (!ParseNumber(in.text_param1, x) || !ParseNumber(in.text_param2, y) ||
-          !ParseNumber(in.text_param3, h)) {
-        error_ = kBadParameter;
-        out.push_back(StatusReport());
+          !ParseNumber(in.text_param3, h) || !CoordinateOk(x * 1000.0) ||
+          !CoordinateOk(y * 1000.0)) {
+        Refuse(kBadParameter, 0, out);
         break;
       }
       StopAll(out);
@@ -173,8 +207,13 @@ std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in) {
       heading_ = Wrap(h);
       online_ = true;
       error_ = 0;
-      out.push_back(FromServer(KEY_INIT));
+      route_.clear();
+      route_next_ = 0;
+      // The report goes first: the client applies everything that arrived in
+      // one service step, and a report that lags behind its acknowledgement
+      // would show the old pose for a step after `online` turned true.
       out.push_back(StatusReport());
+      out.push_back(FromServer(KEY_INIT));
       break;
     }
 
@@ -182,8 +221,8 @@ std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in) {
       StopAll(out);
       online_ = false;
       error_ = 0;
-      out.push_back(FromServer(KEY_KILL));
       out.push_back(StatusReport());
+      out.push_back(FromServer(KEY_KILL));
       break;
 
     case KEY_SET_PARAM:
@@ -220,6 +259,10 @@ std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in) {
 
     case KEY_ACTION: {
       const std::size_t n = in.actions.size();
+      if (n > kMaxActions || announced > kMaxActions) {
+        Refuse(kBadParameter, 0, out);
+        break;
+      }
       if (!online_) {
         Refuse(kNotOnline, n, out);
         break;
@@ -230,6 +273,7 @@ std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in) {
       }
       int problem = 0;
       std::deque<Run> accepted;
+      std::vector<RoutePoint> route;
       for (const Action_RTS& a : in.actions) {
         if (a.type != 1) {
           problem = kUnsupported;
@@ -237,8 +281,10 @@ std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in) {
         }
         Run run;
         for (const QrInfo_RTS& q : a.path) {
-          if (!std::isfinite(q.x) || !std::isfinite(q.y)) problem = kBadParameter;
-          run.path.push_back(Point{q.qr_code, q.x * 1000.0, q.y * 1000.0});
+          const double x = q.x * 1000.0, y = q.y * 1000.0;
+          if (!CoordinateOk(x) || !CoordinateOk(y)) problem = kBadParameter;
+          run.path.push_back(Point{q.qr_code, x, y});
+          route.push_back(RoutePoint{q.qr_code, q.x, q.y, false});
         }
         accepted.push_back(std::move(run));
       }
@@ -248,6 +294,8 @@ std::vector<Message_RTS> RobotSim::Receive(const Message_RTS& in) {
       }
       error_ = 0;
       for (Run& run : accepted) runs_.push_back(std::move(run));
+      route_ = std::move(route);
+      route_next_ = 0;
       out.push_back(StatusReport());
       break;
     }
@@ -281,7 +329,7 @@ void RobotSim::Step(double h, std::vector<Message_RTS>& out) {
     if (std::fabs(diff) <= max_turn) {
       heading_ = turn_target_;
       turning_ = false;
-      out.push_back(StatusReport());
+      Finished(out);
     } else {
       heading_ = Wrap(heading_ + std::copysign(max_turn, diff));
     }
@@ -291,6 +339,7 @@ void RobotSim::Step(double h, std::vector<Message_RTS>& out) {
     velocity_ = 0;
     accel_ = 0;
   }
+  ClearErrorIfDue(out);
 
   double drain = cfg_.drain_idle + cfg_.drain_per_mps * velocity_ / 1000.0;
   voltage_ = std::max(cfg_.voltage_empty, voltage_ - drain * h);
@@ -308,12 +357,9 @@ void RobotSim::DriveStep(double h, std::vector<Message_RTS>& out) {
   Run& run = runs_.front();
   if (run.path.empty()) {
     // Nothing to drive: the action is done as soon as it starts.
+    if (run.reported) out.push_back(Progress("action", 0, ""));
     runs_.pop_front();
-    out.push_back(Progress("action", 0, ""));
-    if (runs_.empty()) {
-      FlushClosures(out);
-      out.push_back(StatusReport());
-    }
+    if (runs_.empty()) Finished(out);
     return;
   }
   const Point& p = run.path.front();
@@ -369,15 +415,19 @@ void RobotSim::Arrive(std::vector<Message_RTS>& out) {
   y_mm_ = p.y_mm;
   velocity_ = 0;
   accel_ = 0;
-  out.push_back(Progress("path", 1, p.code));
+  if (route_next_ < route_.size()) route_[route_next_++].passed = true;
+  if (run.reported) out.push_back(Progress("path", 1, p.code));
   if (run.path.empty()) {
+    if (run.reported) out.push_back(Progress("action", 0, ""));
     runs_.pop_front();
-    out.push_back(Progress("action", 0, ""));
-    if (runs_.empty()) {
-      FlushClosures(out);
-      out.push_back(StatusReport());
-    }
+    if (runs_.empty()) Finished(out);
   }
+}
+
+void RobotSim::Finished(std::vector<Message_RTS>& out) {
+  FlushClosures(out);
+  if (error_ != 0 && time_ + 1e-9 >= error_until_) error_ = 0;
+  out.push_back(StatusReport());
 }
 
 std::string KeyName(RTS_key key) {
@@ -412,7 +462,13 @@ std::string Describe(const Message_RTS& m) {
   if (!m.actions.empty()) {
     constexpr std::size_t kMaxPoints = 8;
     s << " actions=" << m.actions.size();
+    constexpr std::size_t kMaxShownActions = 4;
+    std::size_t shown_actions = 0;
     for (const Action_RTS& a : m.actions) {
+      if (shown_actions++ == kMaxShownActions) {
+        s << " ...";
+        break;
+      }
       s << " [type " << a.type << ", " << a.path.size() << " pts:";
       std::size_t shown = 0;
       for (const QrInfo_RTS& q : a.path) {
@@ -426,6 +482,55 @@ std::string Describe(const Message_RTS& m) {
     }
   }
   return s.str();
+}
+
+}  // namespace tarn_sim
+
+namespace tarn_sim {
+
+Screen ScreenFrame(std::string& buffer, std::uint32_t& announced) {
+  announced = 0;
+  auto word = [&](std::size_t at) {
+    std::uint32_t v = 0;
+    for (std::size_t i = 0; i < 4; ++i)
+      v |= static_cast<std::uint32_t>(static_cast<unsigned char>(buffer[at + i])) << (8 * i);
+    return v;
+  };
+  if (buffer.size() < 9 || buffer[0] != header) return Screen::kPass;
+  const std::size_t end = 9 + std::size_t{word(5)};  // the terminator's index
+  if (static_cast<std::int32_t>(word(1)) != frame_type || end >= buffer.size() ||
+      buffer[end] != ender)
+    return Screen::kPass;
+  std::size_t at = 9 + 4;  // behind head_word
+  for (int field = 0; field < 6; ++field) {
+    if (at + 4 > end) return Screen::kPass;  // short body: read leniently
+    if (field == 2) {                        // the key between the ids and the texts
+      at += 4;
+      continue;
+    }
+    const std::int32_t length = static_cast<std::int32_t>(word(at));
+    if (length < 0 || std::size_t(length) > end - at - 4) return Screen::kDiscard;
+    at += 4 + std::size_t(length);
+  }
+  at += 4 + 1;  // int_param, '%'
+  if (at + 4 > end) return Screen::kPass;
+  const std::uint32_t count = word(at);
+  if (count > kMaxActions) {
+    announced = count;
+    for (std::size_t i = 0; i < 4; ++i) buffer[at + i] = 0;
+  }
+  return Screen::kPass;
+}
+
+std::string Frame(Message_RTS& m) {
+  const std::string body = m.str();
+  std::string frame(1, header);
+  for (std::uint32_t word :
+       {static_cast<std::uint32_t>(frame_type), static_cast<std::uint32_t>(body.size())})
+    for (int shift = 0; shift < 32; shift += 8) frame.push_back(static_cast<char>(word >> shift));
+  frame += body;
+  frame.push_back(ender);
+  return frame;
 }
 
 }  // namespace tarn_sim

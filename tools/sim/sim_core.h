@@ -12,6 +12,7 @@
 //   - velocity in mm/s and acceleration in mm/s^2 (the client prints those
 //     units), voltage in volts.
 
+#include <cstdint>
 #include <deque>
 #include <string>
 #include <vector>
@@ -22,13 +23,24 @@ namespace tarn_sim {
 
 // Task state reported in the fourth number of a status report. -1 and 0 are
 // the client's own meanings; the error codes are this simulator's.
+//
+// The error model, as tarn-sim --help states it:
+//   - A refused command is answered at once with a status report carrying
+//     the error code; the actions of a refused message are closed after the
+//     running ones, so the client's list of running actions stays in step.
+//   - The code stays in the task state while the robot is still moving and
+//     for at least error_hold seconds, so that an application polling at any
+//     sensible rate sees it; then it clears to -1 and a status report says
+//     so. An accepted command (INIT, KILL, motion, parameter) clears it at
+//     once. A loop waiting for -1 therefore always ends.
 enum TaskState : int {
   kFree = -1,
   kWorking = 0,
   kNotOnline = 2,    // motion command while the robot is offline
   kBusy = 3,         // motion command while an action or a turn is under way
   kUnsupported = 4,  // action type other than 1 (travel along a path)
-  kBadParameter = 5  // unparsable or non-finite value, unknown parameter name
+  kBadParameter = 5  // unparsable, non-finite or out-of-range value, unknown
+                     // parameter, too many actions in one message
 };
 
 struct SimConfig {
@@ -41,6 +53,22 @@ struct SimConfig {
   double drain_idle = 0.002;    // V/s whatever the robot does
   double drain_per_mps = 0.01;  // extra V/s per m/s of travel speed
   double step = 0.005;          // s, integration step of advance()
+  // A refusal's error code stays in the task state at least this long, and
+  // until the robot is at rest (s of simulated time).
+  double error_hold = 1.0;
+};
+
+// A message with more actions than this is refused as a whole (error 5) with
+// a single report, without one closure per action: no client tracks that many
+// running actions, and a few bytes on the wire can announce millions.
+constexpr std::size_t kMaxActions = 64;
+
+// One way-point of the current route, as the live view draws it.
+struct RoutePoint {
+  std::string code;
+  double x;  // metres
+  double y;
+  bool passed;
 };
 
 // Node ids the simulator speaks for, and the client it expects by default.
@@ -53,7 +81,9 @@ class RobotSim {
   explicit RobotSim(SimConfig config = SimConfig());
 
   // Applies one message from the client; returns the replies in send order.
-  std::vector<Message_RTS> Receive(const Message_RTS& in);
+  // `announced` is the action count of a message whose actions were not
+  // decoded (see ScreenFrame); more than kMaxActions is refused.
+  std::vector<Message_RTS> Receive(const Message_RTS& in, std::uint32_t announced = 0);
 
   // Advances simulated time by `seconds`; returns the reports produced on
   // the way (way-point progress, finished actions, periodic status), in order.
@@ -62,12 +92,21 @@ class RobotSim {
   // The status report as it would be sent now.
   Message_RTS StatusReport() const;
 
-  // The controlling client went away: the robot stops where it is (its running
-  // actions are dropped, since nobody is left to receive their progress) but
-  // stays online, as a real robot does when an operator's session ends, so
-  // that the next client can command it without initialising it again. Pose,
-  // limits and battery are kept too.
+  // The controlling client went away. The robot finishes what it was told to
+  // do, as a real robot finishes its order when an operator's session ends,
+  // and stays online, so that `goto --no-wait` really moves it and the next
+  // client can command it without initialising it again. Pose, limits and
+  // battery are kept; progress of the orphaned actions is reported to nobody.
   void ClientLeft();
+
+  // A refusal that no message caused (the live view's fault injection): the
+  // same error report and latch as a refused command, without closures.
+  std::vector<Message_RTS> Inject(int code);
+
+  // Simulated seconds until something would change without any input: the
+  // next integration step while moving, the next periodic report, or the end
+  // of an error's hold. Infinity when nothing is scheduled.
+  double NextEventIn() const;
 
   bool registered() const { return registered_; }
   bool online() const { return online_; }
@@ -81,6 +120,9 @@ class RobotSim {
   double accel_limit() const { return accel_limit_; }
   double voltage() const { return voltage_; }
   double time() const { return time_; }
+  bool moving() const { return busy(); }
+  const std::string& client() const { return client_; }
+  const std::vector<RoutePoint>& route() const { return route_; }
 
  private:
   struct Point {
@@ -90,6 +132,7 @@ class RobotSim {
   };
   struct Run {
     std::deque<Point> path;
+    bool reported = true;  // false once its client has left
   };
 
   bool busy() const { return !runs_.empty() || turning_; }
@@ -97,6 +140,9 @@ class RobotSim {
   void DriveStep(double h, std::vector<Message_RTS>& out);
   void Arrive(std::vector<Message_RTS>& out);
   void Refuse(int code, std::size_t actions, std::vector<Message_RTS>& out);
+  void SetError(int code);
+  void ClearErrorIfDue(std::vector<Message_RTS>& out);
+  void Finished(std::vector<Message_RTS>& out);
   void StopAll(std::vector<Message_RTS>& out);
   void FlushClosures(std::vector<Message_RTS>& out);
   Message_RTS FromServer(RTS_key key) const;
@@ -106,7 +152,8 @@ class RobotSim {
   std::string client_ = kClientId;
   bool registered_ = false;
   bool online_ = false;
-  int error_ = 0;  // latched error code, 0 when none
+  int error_ = 0;           // latched error code, 0 when none
+  double error_until_ = 0;  // earliest simulated time at which it clears
   double x_mm_ = 0;
   double y_mm_ = 0;
   double heading_ = 0;
@@ -124,7 +171,24 @@ class RobotSim {
   int pending_closures_ = 0;
   bool turning_ = false;  // a commanded turn in place
   double turn_target_ = 0;
+  std::vector<RoutePoint> route_;  // the last accepted path, passed points marked
+  std::size_t route_next_ = 0;     // index of the next point to reach
 };
+
+// Screens the complete frame at the front of a receive buffer before the
+// library's decoder sees it, because that decoder trusts its input: it
+// allocates whatever a text length asks for and builds every action a count
+// announces, so a few bytes can cost gigabytes. Returns kDiscard (the frame
+// is to be dropped) when a text length is negative or reaches past the
+// frame; sets `announced` and zeroes the count in place when a message
+// announces more than kMaxActions actions, so that it decodes without them
+// and can be refused as a whole. kPass otherwise, and for anything that is
+// not a complete frame (the cutter deals with those).
+enum class Screen { kPass, kDiscard };
+Screen ScreenFrame(std::string& buffer, std::uint32_t& announced);
+
+// The complete frame of a message as it goes on the wire.
+std::string Frame(Message_RTS& m);
 
 // One readable line describing a message, for the simulator's log:
 // sender, receiver, key name, integer, the three texts and the actions.
