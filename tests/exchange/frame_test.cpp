@@ -7,14 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdlib>
 #include <new>
 #include <stdexcept>
 #include <string>
 
 #include "msg/frame.h"
-#include "msg/msg.h"
 #include "net/Socket.h"
 #include "tests/support/wire.h"
 
@@ -51,8 +49,6 @@ std::string body(const std::string& sender, RTS_key key, int tag = 0) {
 std::string frame(const std::string& sender, RTS_key key, int tag = 0) {
   return wire::frame(body(sender, key, tag));
 }
-
-const char kNotice[] = "\t socket  alinement protection \n";
 
 }  // namespace
 
@@ -114,7 +110,8 @@ TEST(Frame, NoiseAndDamagedFramesAreCut) {
   buf = wire::header(59) + std::string(60, 'q');
   EXPECT_EQ(file_frame(buf, box, 1), 0);
   EXPECT_EQ(buf, hex("000000") + std::string(60, 'q'));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string(kNotice) + kNotice);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "\t socket  alinement protection \n\t socket  alinement protection \n");
   EXPECT_TRUE(box.inbox.empty());
 
   // -10 points before the frame: a bounds-checked access throws, with the
