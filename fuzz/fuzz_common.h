@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstddef>
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -15,7 +15,6 @@
 #include <new>
 #include <set>
 #include <stdexcept>
-#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -33,7 +32,6 @@ namespace fuzz {
 struct Budget {
   bool armed = false;
   std::size_t largest = 0, total = 0, count = 0;
-  void arm() { *this = Budget{true}; }
 };
 inline Budget budget;
 constexpr std::size_t largest_allowed = 256u << 10;
@@ -47,7 +45,7 @@ constexpr int kOutOfRange = INT32_MIN, kLengthError = INT32_MIN + 1, kRefused = 
 // codes above.
 template <class F>
 int run(F&& f) {
-  budget.arm();
+  budget = Budget{true};
   int result = kRefused;
   try {
     result = static_cast<int>(f());
@@ -118,11 +116,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 void* operator new(std::size_t size) {
   fuzz::Budget& b = fuzz::budget;
-  if (b.armed) {
-    if (size > b.largest) b.largest = size;
-    if (size > fuzz::largest_allowed || (b.total += size) > (2u << 20) || ++b.count > 5000)
-      throw std::bad_alloc();
-  }
+  if (b.armed && ((b.largest = std::max(b.largest, size)) > fuzz::largest_allowed ||
+                  (b.total += size) > (2u << 20) || ++b.count > 5000))
+    throw std::bad_alloc();
   if (void* p = std::malloc(size ? size : 1)) return p;
   throw std::bad_alloc();
 }

@@ -2,13 +2,12 @@
 // whole run (its constructor finds no server); each input hands the shared
 // connection one end of a fresh socket pair and marks the robot connected.
 // Flag bits choose the running actions, the robot's flags, queued commands
-// and whether the peer closes at the end. Checked after every Handle:
+// and whether the peer closes before a last Handle. Checked after every Handle:
 // - only the contractual exceptions leave it (std::out_of_range for a length
 //   word of -10, std::length_error for a negative text length);
 // - every inbox vector keeps at most one message, already handled;
 // - running actions and their way-point lists never grow, only "action"
 //   reports remove actions, and only the oldest action is trimmed;
-// - the reassembly buffer holds no more than has arrived;
 // - no report stalls the step (libFuzzer's -timeout).
 
 #include "fuzz_common.h"
@@ -48,7 +47,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (input.flags & 32) robot->SetVelocity(800);
   if (input.flags & 64) robot->Init(1500, -250, 0.5f);
 
-  std::size_t arrived = 0;
   bool alive = true;
   auto handle = [&] {
     const std::vector<std::size_t> before = shape();
@@ -62,18 +60,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::size_t i = 1; after[0] == before[0] && i < after.size(); ++i)
       fuzz::check(after[i] <= before[i] && (i < 3 || after[i] == before[i]),
                   "a report grew an action or trimmed one other than the oldest");
-    fuzz::check(m_socket.m_buffer.size() <= arrived, "the buffer holds more than has arrived");
   };
-  for (std::size_t i = 0; alive && i < input.ends.size(); ++i) {
-    arrived += input.send(i).size();
-    handle();
-  }
+  for (std::size_t i = 0; alive && i < input.ends.size(); ++i) input.send(i), handle();
   for (int i = 0; alive && i < 8 && !m_socket.m_buffer.empty(); ++i) handle();  // a few per step
   close(input.fds[1]);
-  if (alive && (input.flags & 128)) {
-    handle();
-    fuzz::check(!alive || !robot->connected, "a closed peer did not disconnect the robot");
-  }
+  if (alive && (input.flags & 128)) handle();
   robot->DebugString();
   return 0;
 }

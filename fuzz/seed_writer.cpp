@@ -7,7 +7,6 @@
 
 #include <sys/stat.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <string>
@@ -16,14 +15,12 @@
 
 #include "../tests/support/wire.h"
 
-namespace {
-
 using wire::body;
 using wire::frame;
 
 // Type 1, one way-point (code 3 at 1, 2, 5, flag 1), one arc way-point, the
 // target "3" and the param "f"; `l1` is the target's length word.
-std::string action(std::int32_t l1 = 1) {
+static std::string action(std::int32_t l1 = 1) {
   wire::Bytes b;
   b.i32(1).i32(1).i32(3).f32(1).f32(2).f32(5).i32(1).i32(0);
   b.i32(1).i32(9).f32(1).f32(1).f32(0).i32(-1).i32(0).f32(0.1f).f32(0.2f).f32(0.3f).f32(0.4f);
@@ -31,17 +28,12 @@ std::string action(std::int32_t l1 = 1) {
 }
 
 // Split-stream input: flags, the cut offsets, then the stream.
-std::string split(int flags, const std::string& stream, const std::string& cuts = "") {
+static std::string split(int flags, const std::string& stream, const std::string& cuts = "") {
   return std::string{static_cast<char>(flags), static_cast<char>(cuts.size() / 2)} + cuts + stream;
 }
 
-}  // namespace
-
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: %s <directory>\n", argv[0]);
-    return 2;
-  }
+  if (argc != 2) return std::fprintf(stderr, "usage: %s <directory>\n", argv[0]), 2;
   const std::string root = argv[1];
   mkdir(root.c_str(), 0755);
   for (const char* d : {"message", "stream"}) mkdir((root + "/" + d).c_str(), 0755);
