@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "msg/msg.h"
+#include "tests/support/alloc_budget.h"
 
 namespace fuzz {
 
@@ -29,11 +30,7 @@ namespace fuzz {
 // allocations, throws std::bad_alloc, which the targets treat as "not run":
 // past it the library's state is no longer comparable with anything.
 // The largest request is recorded either way, refused or not.
-struct Budget {
-  bool armed = false;
-  std::size_t largest = 0, total = 0, count = 0;
-};
-inline Budget budget;
+inline alloc_budget::Budget& budget = alloc_budget::budget;
 constexpr std::size_t largest_allowed = 256u << 10;
 
 // Codes that no result takes: the contractual exceptions (std::out_of_range
@@ -45,7 +42,7 @@ constexpr int kOutOfRange = INT32_MIN, kLengthError = INT32_MIN + 1, kRefused = 
 // codes above.
 template <class F>
 int run(F&& f) {
-  budget = Budget{true};
+  budget = alloc_budget::Budget{true, 0, 0, 0, largest_allowed, 2u << 20, 5000};
   int result = kRefused;
   try {
     result = static_cast<int>(f());
@@ -112,23 +109,4 @@ inline NullBuffer null_buffer;
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   std::cout.rdbuf(&fuzz::null_buffer);
   return 0;
-}
-
-void* operator new(std::size_t size) {
-  fuzz::Budget& b = fuzz::budget;
-  if (b.armed && ((b.largest = std::max(b.largest, size)) > fuzz::largest_allowed ||
-                  (b.total += size) > (2u << 20) || ++b.count > 5000))
-    throw std::bad_alloc();
-  if (void* p = std::malloc(size ? size : 1)) return p;
-  throw std::bad_alloc();
-}
-// Every allocation that the deletes below free comes from malloc.
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return std::malloc(size ? size : 1);
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
 }

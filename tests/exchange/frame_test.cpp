@@ -14,31 +14,10 @@
 
 #include "msg/frame.h"
 #include "net/Socket.h"
+#include "tests/support/alloc_budget.h"
 #include "tests/support/wire.h"
 
 using wire::hex;
-
-// While armed, every allocation size is recorded and anything above 1 MiB is
-// refused, so that a receive path that allocates what a length word asks for
-// fails at once instead of after gigabytes.
-static bool armed = false;
-static std::size_t largest = 0;
-
-void* operator new(std::size_t size) {
-  if (armed && (largest = std::max(largest, size)) > (1u << 20)) throw std::bad_alloc();
-  if (void* p = std::malloc(size ? size : 1)) return p;
-  throw std::bad_alloc();
-}
-// Every allocation that the deletes below free comes from malloc.
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return std::malloc(size ? size : 1);
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
-}
 
 namespace {
 
@@ -130,10 +109,12 @@ TEST(Frame, WrongTypeAndUndecodableBodiesStayStuck) {
   // A text length of 2^31 - 1 in an 8-byte body: refused without allocating
   // it, and stuck like any body that does not decode.
   buf = hex("23 0b000000 08000000 00000000 ffffff7f 3b");
-  armed = true;
+  // Anything above 1 MiB is refused, so a guard that fails costs a throw,
+  // not gigabytes.
+  alloc_budget::budget = alloc_budget::Budget{true, 0, 0, 0, 1u << 20};
   for (int call = 0; call < 2; ++call) EXPECT_EQ(file_frame(buf, box, 1), 0);
-  armed = false;
-  EXPECT_LT(largest, 4096u);
+  alloc_budget::budget.armed = false;
+  EXPECT_LT(alloc_budget::budget.largest, 4096u);
   EXPECT_EQ(buf, hex("23 0b000000 08000000 00000000 ffffff7f 3b"));
   EXPECT_TRUE(box.inbox.empty());
   buf = wire::frame(hex("00000000 ffffffff"));  // a negative length still throws
