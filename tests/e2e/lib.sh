@@ -17,6 +17,12 @@ start() {
 }
 start_sim() { start "$work/sim.log" "listen at 127.0.0.1:6868" "$sim" "$@" && sim_pid=$bg; }
 stop() { kill "$1" 2>/dev/null && wait "$1" 2>/dev/null; }
+# ends <seconds> <status>: the program last started ($bg) exits with <status> within <seconds>.
+ends() {
+  timeout "$1" tail -s 0.05 --pid="$bg" -f /dev/null || fail "${bg} still running after $1 s"
+  wait "$bg"
+  local status=$? && ((status == $2)) || fail "${bg} exited with $status, expected $2"
+}
 
 # run <status> <ms> <command...>: stdout in $work/out, stderr in $work/err;
 # fails unless it exits with <status> within <ms> milliseconds.

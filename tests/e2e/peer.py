@@ -52,18 +52,13 @@ if sys.argv[1] == "sessions":
                               frame(i32(0) + i32(-5) + b"x" * 16), CONNECT]):
         print(outcome(client(sys.argv[2], n + 1), data, 6))
     sys.exit()
-server = socket.socket()
-server.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-server.bind(ADDR)
-server.listen(0 if sys.argv[1] == "backlog" else 4)
-if sys.argv[1] == "backlog":  # with a backlog of 0, Linux queues one connection: fill it
-    held = socket.create_connection(ADDR)
+server = socket.create_server(ADDR, backlog=0 if sys.argv[1] == "backlog" else 4)
+# With a backlog of 0, Linux queues one connection: filling it keeps every later connect waiting.
+held = socket.create_connection(ADDR) if sys.argv[1] == "backlog" else None
 print("ready", flush=True)
-if sys.argv[1] == "backlog":
-    time.sleep(600)
-peer = server.accept()[0]
-if sys.argv[1] == "badlen":
-    peer.sendall(b"#" + i32(11) + i32(-10))
-    time.sleep(600)
-while True:
+peer = None if held else server.accept()[0]
+while sys.argv[1] == "flood":
     peer.sendall(REPORT * 1000)
+if peer:  # badlen
+    peer.sendall(b"#" + i32(11) + i32(-10))
+time.sleep(600)

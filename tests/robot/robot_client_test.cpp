@@ -115,10 +115,9 @@ TEST(RobotConnect, UnreachableServerRefusesGuardedCommandsAndKeepsQueueing) {
   // Refused silently, even with an out-of-range value; no announcement either.
   float point[3] = {1, 2, 3};
   CaptureStdout();
-  for (bool accepted : {robot.SetVelocity(800), robot.SetVelocity(5000), robot.SetAcceleration(500),
-                        robot.SetOrientation(1.0f), robot.SetPosition(1, 2, 3),
-                        robot.SetPosition(std::deque<float*>{point})})
-    EXPECT_FALSE(accepted);
+  EXPECT_FALSE(robot.SetVelocity(800) || robot.SetVelocity(5000) || robot.SetAcceleration(500) ||
+               robot.SetOrientation(1.0f) || robot.SetPosition(1, 2, 3) ||
+               robot.SetPosition(std::deque<float*>{point}));
   robot.GetDetial();
   EXPECT_EQ(GetCapturedStdout(), "");
 
