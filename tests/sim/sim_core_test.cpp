@@ -33,8 +33,7 @@ Message_RTS Travel(const std::vector<std::pair<float, float>>& points, int type 
 
 // The replies in order, each in brief when it has exactly the shape the client
 // relies on: "path:<code>" for a way-point reached, "action" for an action
-// closed, the task state of a status report, "<from> -> <to> <key>" for an
-// acknowledgement. Anything else shows in full.
+// closed, the task state of a status report. Anything else shows in full.
 std::string Brief(const Out& out) {
   std::string s;
   for (const Message_RTS& m : out) {
@@ -47,8 +46,6 @@ std::string Brief(const Out& out) {
     else if (d.rfind("R-0 -> T-0 KEY_DETAIL int=0 \"", 0) == 0 && m.text_param2 == "R-0" &&
              std::sscanf(m.text_param1.c_str(), "%*f %*f %*f %d", &state) == 1)
       d = std::to_string(state);
-    else if (m.key == KEY_INIT || m.key == KEY_KILL)
-      d.resize(d.find(" int="));
     s += (s.empty() ? "" : " ") + d;
   }
   return s;
@@ -154,7 +151,7 @@ TEST(SimCore, InitKillAndALeavingClient) {
   Out out = sim.Receive(Request(KEY_INIT, 0, "1.500000", "-0.250000", "0.500000"));
   // The report first, so the pose is current when the client turns online.
   // Metres in, metres out; the third INIT number is the heading.
-  EXPECT_EQ(Brief(out), "-1 SV-0 -> T-0 KEY_INIT");
+  EXPECT_EQ(Brief(out), "-1 SV-0 -> T-0 KEY_INIT int=0 \"N\" \"N\" \"N\"");
   EXPECT_EQ(out[0].text_param1 + "|" + out[0].text_param3,
             "26.40 1.500 -0.250 -1 0.5000 0.0 0.0|online");
   sim.Receive(Travel({{2.0f, 0.0f}, {2.0f, 2.0f}}));
@@ -163,7 +160,7 @@ TEST(SimCore, InitKillAndALeavingClient) {
   const double x = sim.x();
   // The running action and the refused one are closed before the ack.
   out = sim.Receive(Request(KEY_KILL));
-  EXPECT_EQ(Brief(out), "action action -1 SV-0 -> T-0 KEY_KILL");
+  EXPECT_EQ(Brief(out), "action action -1 SV-0 -> T-0 KEY_KILL int=0 \"N\" \"N\" \"N\"");
   EXPECT_EQ(out[2].text_param3, "offline");
   // Offline now: motion is refused with error 2 and its action closed at
   // once; an INIT whose numbers do not parse is not acknowledged (error 5).

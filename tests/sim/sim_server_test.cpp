@@ -18,23 +18,6 @@ namespace {
 std::atomic<int> g_port{0};
 volatile std::sig_atomic_t g_stop = 0;
 
-// tarn-sim on a free port without live view, reporting on events only, for
-// the test's scope.
-struct Sim {
-  Sim() {
-    g_port = 0, g_stop = 0;
-    tarn_sim::ServerOptions o;
-    o.port = 0, o.rate_hz = 0, o.quiet = true, o.idle_timeout = 0.5, o.web = false;
-    thread = std::thread([o] { tarn_sim::RunServer(o, g_stop, [](int p) { g_port = p; }); });
-    while (g_port == 0) std::this_thread::yield();
-  }
-  ~Sim() {
-    g_stop = 1;
-    thread.join();
-  }
-  std::thread thread;
-};
-
 // A client of the simulator that has said hello (KEY_CONNECT).
 int Join() {
   sockaddr_in a{AF_INET, htons(static_cast<uint16_t>(g_port.load())), {htonl(INADDR_LOOPBACK)}, {}};
@@ -48,7 +31,11 @@ int Join() {
 }  // namespace
 
 TEST(SimServer, SilentClientMakesWayAndPipelinedFramesAreAllServed) {
-  Sim sim;
+  // tarn-sim on a free port without live view, reporting on events only.
+  tarn_sim::ServerOptions o;
+  o.port = 0, o.rate_hz = 0, o.quiet = true, o.idle_timeout = 0.5, o.web = false;
+  std::thread sim([o] { tarn_sim::RunServer(o, g_stop, [](int p) { g_port = p; }); });
+  while (g_port == 0) std::this_thread::yield();
   const int a = Join();
   EXPECT_FALSE(loopback::wait_readable(a, 700));
   // a has been silent for longer than the idle timeout: it gives way to b
@@ -69,6 +56,8 @@ TEST(SimServer, SilentClientMakesWayAndPipelinedFramesAreAllServed) {
             wire::Bytes().i32(0).text("R-0").text("T-0").i32(KEY_DETAIL).s);
   writer.join();
   ::close(a), ::close(b);
+  g_stop = 1;
+  sim.join();
 }
 
 TEST(SimView, SnapshotEncodingAndControls) {
