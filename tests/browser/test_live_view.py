@@ -30,45 +30,41 @@ def test_live_view_follows_the_robot():
                  "disable-component-update disable-quic window-size=1280,800 user-data-dir=" +
                  tempfile.mkdtemp(prefix="tarn-chromium-")).split():
         options.add_argument("--" + flag)
-    browser = None
     try:
         url = next(line for line in sim.stdout if line.startswith("live view: ")).split()[2]
         state = lambda: json.load(urllib.request.urlopen(url + "state", timeout=5))
-        browser = webdriver.Chrome(service=Service(os.environ["CHROMEDRIVER"]), options=options)
-        robot = t.Robot()
-        robot.Init(0, 0, 0)
-        until("online", lambda: robot.online, robot=robot)
-        assert robot.SetVelocity(1000) and robot.SetPosition(PATH)
-        robot.Handle()
-        browser.get(url)
-        js = browser.execute_script
-        until("way-point 0 passed", lambda: js("return !!document.querySelector('.waypoint.passed[data-code=\"0\"]')"),
-              robot=robot)
-        style = lambda code: js("return getComputedStyle(document.querySelector("
-                                "'.waypoint[data-code=\"' + arguments[0] + '\"] circle')).fill", code)
-        assert style("0") != style("2")
-        assert js("return document.querySelector('.waypoint.target').dataset.code") == "1"
+        with webdriver.Chrome(service=Service(os.environ["CHROMEDRIVER"]), options=options) as browser:
+            robot = t.Robot()
+            robot.Init(0, 0, 0)
+            until("online", lambda: robot.online, robot=robot)
+            assert robot.SetVelocity(1000) and robot.SetPosition(PATH)  # sent by the next Handle()
+            browser.get(url)
+            js = browser.execute_script
+            passed = "return !!document.querySelector('.waypoint.passed[data-code=\"0\"]')"
+            until("way-point 0 passed", lambda: js(passed), robot=robot)
+            style = lambda code: js("return getComputedStyle(document.querySelector("
+                                    "'.waypoint[data-code=\"' + arguments[0] + '\"] circle')).fill", code)
+            assert style("0") != style("2")
+            assert js("return document.querySelector('.waypoint.target').dataset.code") == "1"
 
-        browser.find_element("id", "pause").click()
-        until("the pause", lambda: state()["paused"], robot=robot)
-        frozen = state()
-        time.sleep(0.5)
-        assert state()["time"] == frozen["time"] and state()["x"] == frozen["x"]
-        until("the panel to settle", lambda: browser.find_element("id", "paused-tag").is_displayed())
-        text = lambda id: browser.find_element("id", id).text
-        assert [text(id) for id in ("state", "online", "voltage", "velocity", "sim-time")] == [
-            "working", "online", "%.2f" % frozen["voltage"], "%.1f" % frozen["velocity"], "%.1f" % frozen["time"]]
-        browser.find_element("id", "pause").click()
+            browser.find_element("id", "pause").click()
+            until("the pause", lambda: state()["paused"], robot=robot)
+            frozen = state()
+            time.sleep(0.5)
+            assert state()["time"] == frozen["time"] and state()["x"] == frozen["x"]
+            until("the panel to settle", lambda: browser.find_element("id", "paused-tag").is_displayed())
+            text = lambda id: browser.find_element("id", id).text
+            assert [text(id) for id in ("state", "online", "voltage", "velocity", "sim-time")] == [
+                "working", "online", "%.2f" % frozen["voltage"], "%.1f" % frozen["velocity"], "%.1f" % frozen["time"]]
+            browser.find_element("id", "pause").click()
 
-        # Screen distance from the marker to the last way-point (the map follows the robot).
-        gap = """const [a, b] = ['#robot', '.waypoint[data-code="2"] circle'].map(
-            (q) => document.querySelector(q).getBoundingClientRect());
-            return Math.hypot(a.x + a.width / 2 - b.x - b.width / 2, a.y + a.height / 2 - b.y - b.height / 2);"""
-        until("the end of the path with the marker on way-point 2",
-              lambda: robot.state == -1 and state()["target"] == -1 and js(gap) < 2, robot=robot)
-        browser.save_screenshot("live-view.png")
+            # Screen distance from the marker to the last way-point (the map follows the robot).
+            gap = """const [a, b] = ['#robot', '.waypoint[data-code="2"] circle'].map(
+                (q) => document.querySelector(q).getBoundingClientRect());
+                return Math.hypot(a.x + a.width / 2 - b.x - b.width / 2, a.y + a.height / 2 - b.y - b.height / 2);"""
+            until("the end of the path with the marker on way-point 2",
+                  lambda: robot.state == -1 and state()["target"] == -1 and js(gap) < 2, robot=robot)
+            browser.save_screenshot("live-view.png")
     finally:
-        if browser:
-            browser.quit()
         sim.terminate()
         sim.wait(timeout=10)
