@@ -103,8 +103,8 @@ TEST(SimCore, RefusalsReportAnErrorThatClearsRefusedActionsCloseInOrderAndTurnsA
   EXPECT_EQ(sim.task_state(), -1);
   EXPECT_EQ(sim.speed_limit(), 700);
 
-  // Malformed requests: error 5 and nothing changes. The last announces a
-  // huge number of actions (not decoded): one refusal.
+  // Malformed requests: error 5 and nothing changes. A message announcing a
+  // huge number of actions (not decoded) gets one refusal.
   for (const char* turn : {"x 1", "r", "r abc", "r nan", "r 1e999", "1.5"})
     EXPECT_EQ(Brief(sim.Receive(Request(KEY_ORIENTATION, 0, turn))), "5") << turn;
   for (const Message_RTS& m :
