@@ -10,7 +10,8 @@ from selenium.webdriver.chrome.service import Service
 
 import tarnsdk as t
 
-PATH = [(2000, 0, 0), (2000, 1500, 0), (0, 1500, 0)]
+# The last way-point off both axes, so that the marker meeting it checks both.
+PATH = [(2000, 0, 0), (2000, 1500, 0), (1000, 1500, 0)]
 
 
 def until(what, condition, timeout=20.0, robot=None):
@@ -26,56 +27,44 @@ def test_live_view_follows_the_robot():
     options = webdriver.ChromeOptions()
     options.binary_location = os.environ["CHROMIUM"]
     for flag in ("headless no-sandbox disable-gpu no-first-run disable-sync disable-background-networking "
-                 "disable-component-update disable-quic window-size=1280,800").split():
+                 "disable-component-update disable-quic window-size=1280,800 user-data-dir=" +
+                 tempfile.mkdtemp(prefix="tarn-chromium-")).split():
         options.add_argument("--" + flag)
-    options.add_argument("--user-data-dir=" + tempfile.mkdtemp(prefix="tarn-chromium-"))
-    browser = None
     try:
         url = next(line for line in sim.stdout if line.startswith("live view: ")).split()[2]
         state = lambda: json.load(urllib.request.urlopen(url + "state", timeout=5))
-        browser = webdriver.Chrome(service=Service(os.environ["CHROMEDRIVER"]), options=options)
-        robot = t.Robot()
-        robot.Init(0, 0, 0)
-        until("online", lambda: robot.online, robot=robot)
-        assert robot.SetVelocity(1000) and robot.SetPosition(PATH)
-        robot.Handle()
-        browser.get(url)
-        js = browser.execute_script
-        # Screen distance from the marker to a way-point (the map follows the robot).
-        gap = lambda code: js("""const c = (q) => { const r = document.querySelector(q).getBoundingClientRect();
-            return [r.x + r.width / 2, r.y + r.height / 2]; };
-            const a = c('#robot'), b = c('.waypoint[data-code="' + arguments[0] + '"] circle');
-            return Math.hypot(a[0] - b[0], a[1] - b[1]);""", code)
-        until("the path on the map", lambda: js("return document.querySelectorAll('.waypoint').length") == 3)
-        assert (start := gap("0")) > 50
-        until("the marker nearing way-point 0", lambda: gap("0") < start / 2, robot=robot)
-        until("way-point 0 passed", lambda: js("return !!document.querySelector('.waypoint.passed[data-code=\"0\"]')"),
-              robot=robot)
-        style = lambda code: js("return getComputedStyle(document.querySelector("
-                                "'.waypoint[data-code=\"' + arguments[0] + '\"] circle')).fill", code)
-        assert style("0") != style("2")
-        assert js("return document.querySelector('.waypoint.target').dataset.code") == "1"
+        with webdriver.Chrome(service=Service(os.environ["CHROMEDRIVER"]), options=options) as browser:
+            robot = t.Robot()
+            robot.Init(0, 0, 0)
+            until("online", lambda: robot.online, robot=robot)
+            assert robot.SetVelocity(1000) and robot.SetPosition(PATH)  # sent by the next Handle()
+            browser.get(url)
+            js = browser.execute_script
+            passed = "return !!document.querySelector('.waypoint.passed[data-code=\"0\"]')"
+            until("way-point 0 passed", lambda: js(passed), robot=robot)
+            style = lambda code: js("return getComputedStyle(document.querySelector("
+                                    "'.waypoint[data-code=\"' + arguments[0] + '\"] circle')).fill", code)
+            assert style("0") != style("2")
+            assert js("return document.querySelector('.waypoint.target').dataset.code") == "1"
 
-        browser.find_element("id", "pause").click()
-        until("the pause", lambda: state()["paused"], robot=robot)
-        frozen = state()
-        time.sleep(0.5)
-        robot.Handle()
-        assert state()["time"] == frozen["time"] and state()["x"] == frozen["x"]
-        until("the panel to settle", lambda: browser.find_element("id", "paused-tag").is_displayed())
-        text = lambda id: browser.find_element("id", id).text
-        assert text("state") == frozen["state_text"] == "working"
-        assert text("online") == "online" and frozen["online"]
-        assert text("voltage") == "%.2f" % frozen["voltage"]
-        assert (text("velocity"), text("sim-time")) == ("%.1f" % frozen["velocity"], "%.1f" % frozen["time"])
-        browser.find_element("id", "pause").click()
+            browser.find_element("id", "pause").click()
+            until("the pause", lambda: state()["paused"], robot=robot)
+            frozen = state()
+            time.sleep(0.5)
+            assert state()["time"] == frozen["time"] and state()["x"] == frozen["x"]
+            until("the panel to settle", lambda: browser.find_element("id", "paused-tag").is_displayed())
+            text = lambda id: browser.find_element("id", id).text
+            assert [text(id) for id in ("state", "online", "voltage", "velocity", "sim-time")] == [
+                "working", "online", "%.2f" % frozen["voltage"], "%.1f" % frozen["velocity"], "%.1f" % frozen["time"]]
+            browser.find_element("id", "pause").click()
 
-        until("the end of the path", lambda: robot.state == -1 and state()["target"] == -1, robot=robot)
-        until("the marker on way-point 2", lambda: gap("2") < 2, robot=robot)
-        assert [p["passed"] for p in state()["route"]] == [True, True, True]
-        browser.save_screenshot("live-view.png")
+            # Screen distance from the marker to the last way-point (the map follows the robot).
+            gap = """const [a, b] = ['#robot', '.waypoint[data-code="2"] circle'].map(
+                (q) => document.querySelector(q).getBoundingClientRect());
+                return Math.hypot(a.x + a.width / 2 - b.x - b.width / 2, a.y + a.height / 2 - b.y - b.height / 2);"""
+            until("the end of the path with the marker on way-point 2",
+                  lambda: robot.state == -1 and state()["target"] == -1 and js(gap) < 2, robot=robot)
+            browser.save_screenshot("live-view.png")
     finally:
-        if browser:
-            browser.quit()
         sim.terminate()
         sim.wait(timeout=10)
