@@ -14,12 +14,6 @@
 #include "msg/codec.h"
 #include "msg/msg.h"
 
-// Marker, type word and length word.
-constexpr std::size_t frame_header_size = 9;
-// Largest frame the receiver accepts, terminator included; anything longer is
-// discarded as damage.
-constexpr std::uint32_t frame_max_size = 1000000;
-
 // The complete frame around `body`: what send_msg writes for a message whose
 // encoding is `body`. The length word is the size cut to 32 bits, and exactly
 // as many body bytes follow as it announces (none if it reads negative), so a

@@ -8,6 +8,7 @@
 // (little-endian on the supported targets), floats are IEEE 754 single
 // precision, every text is a 32-bit length followed by its bytes.
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <fstream>
@@ -155,6 +156,12 @@ class MailBox {
 constexpr char header = '#';
 constexpr char ender = ';';
 constexpr std::int32_t frame_type = 11;
+// Marker, type word and length word: the bytes in front of a frame's body.
+constexpr std::size_t frame_header_size = 9;
+// Largest frame recv_msg accepts, terminator included; a longer one is
+// discarded as damage, so a sender must keep every message's encoding within
+// frame_max_size - frame_header_size - 1 bytes.
+constexpr std::uint32_t frame_max_size = 1000000;
 
 // Frames the message and writes it with a single Socket::Send. Returns that
 // send's result (a partial write counts as success).
