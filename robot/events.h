@@ -121,14 +121,14 @@ inline std::string describe_state(std::int32_t code) {
 
 /// A status report as the library applied it.
 struct Report {
-  float voltage = 0;  ///< volts
-  float x = 0;        ///< metres
-  float y = 0;        ///< metres
-  std::int32_t state = state_free;
-  float orientation = 0;   ///< radians
-  float velocity = 0;      ///< mm/s
-  float acceleration = 0;  ///< mm/s^2
-  std::string name;        ///< the robot's node id
+  float voltage = 0;                ///< volts
+  float x = 0;                      ///< metres
+  float y = 0;                      ///< metres
+  std::int32_t state = state_free;  ///< task state: free, working or an error code
+  float orientation = 0;            ///< radians
+  float velocity = 0;               ///< mm/s
+  float acceleration = 0;           ///< mm/s^2
+  std::string name;                 ///< the robot's node id
   /// All seven numbers parsed. When not, the fields from the first one that
   /// failed keep the values of the report before, as the library applies it.
   bool complete = false;
@@ -177,7 +177,7 @@ inline const char* event_name(EventType type) {
 
 /// One message as the application sees it, after the library applied it.
 struct Event {
-  EventType type = EventType::Other;
+  EventType type = EventType::Other;  ///< what the message meant
   /// The message as it arrived. Default for ConnectionLost and Unreadable.
   Message_RTS message;
   /// Report and Refused: the report as applied (the Robot's fields now).
@@ -276,6 +276,7 @@ inline std::unique_ptr<Robot> connect(std::chrono::milliseconds limit) {
 /// works and why no message escapes it.
 class Events {
  public:
+  /// The clock of every deadline the layer takes.
   using Clock = std::chrono::steady_clock;
 
   /// Bounds of one step.
@@ -286,7 +287,10 @@ class Events {
     int reads = 8;
   };
 
+  /// Serves `robot`, which the layer keeps a reference to, with the default
+  /// limits.
   explicit Events(Robot& robot) : Events(robot, Limits()) {}
+  /// Serves `robot` with the given bounds per step.
   Events(Robot& robot, Limits limits)
       : robot_(robot), limits_(limits), was_connected_(robot.connected) {}
   Events(const Events&) = delete;
