@@ -19,6 +19,7 @@ TARN_TEST_PACKAGES=(
   python3-paho-mqtt                             # the bridge tests' scripted master
   chromium chromium-driver python3-selenium     # the live view's browser test
   iproute2 util-linux                           # loopback inside private network namespaces
+  doxygen graphviz                              # the API reference and its docs test
 )
 
 # require_packages NAME...: installs the missing ones with apt-get, saying

@@ -157,6 +157,9 @@ deb)
   [[ $(ls "$work/debs"/*.deb | wc -l) -eq ${#packages[@]} ]] || fail "unexpected packages: $(ls "$work/debs")"
   [[ $(dpkg-deb -I "$work/debs/libtarnsdk1_${version}_"*.deb shlibs) == "libTarnSDK 1 libtarnsdk1 (>= $version)" ]] ||
     fail "libtarnsdk1's shlibs file is not: libTarnSDK 1 libtarnsdk1 (>= $version)"
+  # A build with the API reference ships it in the development package.
+  [[ ! -f $build/docs/html/index.html || -f $work/root/usr/share/doc/TarnSDK/html/index.html ]] ||
+    fail "libtarnsdk-dev does not carry the API reference"
   through_cmake "$work/root/usr"
   PKG_CONFIG_PATH=$work/root/usr/$libdir/pkgconfig through_pkgconfig --define-variable=prefix="$work/root/usr"
   if [[ " ${packages[*]} " == *" python3-tarnsdk "* ]]; then
