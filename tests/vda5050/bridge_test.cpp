@@ -86,7 +86,7 @@ struct vda5050Core : ::testing::Test {
   }
   // One instant action per entry, "actionId:actionType" or just the type,
   // which is then its actionId too.
-  void Instant(std::vector<std::string> actions, const char* params = "[]") {
+  void Instant(std::vector<std::string> actions, const std::string& params = "[]") {
     Json o{{"actions", Json::array()}};
     for (const std::string& a : actions) {
       const std::size_t colon = a.find(':');
@@ -179,8 +179,9 @@ TEST_F(vda5050Core, RefusedOrdersLeaveTheRobotAloneAndSayWhy) {
             "noRouteError; validationError; validationError; validationError; orderError; ");
   const Json errors = bridge.State("t")["errors"];
   EXPECT_EQ(errors[1]["errorReferences"][2]["referenceValue"], "k");
-  EXPECT_EQ(errors[6]["errorDescription"], "orderUpdateId must be an integer from 0 to 4294967295");
-  EXPECT_EQ(errors[7]["errorDescription"], "a sequenceId must be an integer from 0 to 4294967295");
+  EXPECT_EQ(Json({errors[6]["errorDescription"], errors[7]["errorDescription"]}),
+            Json({"orderUpdateId must be an integer from 0 to 4294967295",
+                  "a sequenceId must be an integer from 0 to 4294967295"}));
   // Ids beyond 128 bytes are refused and echoed cut, on a character boundary:
   // thirty refused orders with huge ids keep the state small.
   std::string accented = "a";
@@ -204,8 +205,8 @@ TEST_F(vda5050Core, RefusedOrdersLeaveTheRobotAloneAndSayWhy) {
   for (std::int32_t code : {2, 4, 5, 9, 0}) {
     Report(0, 0, code);
     const Json e = bridge.State("t")["errors"].back();
-    named += e["errorType"].get<std::string>() + ": " + e["errorDescription"].get<std::string>();
-    named += "\n";
+    named +=
+        e["errorType"].get<std::string>() + ": " + e["errorDescription"].get<std::string>() + "\n";
   }
   EXPECT_EQ(named,
             "robotNotOnline: the robot reports error 2 (not online)\n"
@@ -217,19 +218,21 @@ TEST_F(vda5050Core, RefusedOrdersLeaveTheRobotAloneAndSayWhy) {
 
 TEST_F(vda5050Core, InstantActionsMapToRobotCommandsOrFail) {
   Instant({"cancelOrder"});
+  // initPosition's parameters, x, y and theta as given.
+  auto pose = [](const char* x, const char* y, const char* theta, const char* more = "") {
+    return std::string(R"([{"key": "x", "value": )") + x + R"(}, {"key": "y", "value": )" + y +
+           R"(}, {"key": "theta", "value": )" + theta + "}" + more + "]";
+  };
   // Poses the robot cannot take are refused before Init, which kills it first;
   // an action the state could not echo is refused whole.
-  Instant({"x:initPosition"}, R"([{"key": "x", "value": 1e308}, {"key": "y", "value": 0},
-      {"key": "theta", "value": 0}])");
-  Instant({"t:initPosition"}, R"([{"key": "x", "value": 0}, {"key": "y", "value": 0},
-      {"key": "theta", "value": 3.1416}])");
+  Instant({"x:initPosition"}, pose("1e308", "0", "0"));
+  Instant({"t:initPosition"}, pose("0", "0", "3.1416"));
   Instant({std::string(129, 'i') + ":stateRequest"});
   EXPECT_EQ(Said(),
             "noOrderToCancel; validationError; validationError; validationError; "
             "cancelOrder=FAILED; x=FAILED; t=FAILED; ");
   EXPECT_EQ(robot.calls.str(), "");
-  Instant({"initPosition"}, R"([{"key": "x", "value": 2}, {"key": "y", "value": -1},
-      {"key": "theta", "value": 0.5}, {"key": "lastNodeId", "value": "n"}])");
+  Instant({"initPosition"}, pose("2", "-1", "0.5", R"(, {"key": "lastNodeId", "value": "n"})"));
   On(EventType::KillAcknowledged);
   EXPECT_EQ(bridge.State("t")["actionStates"][3]["actionStatus"], "RUNNING");
   On(EventType::InitAcknowledged);
@@ -250,8 +253,7 @@ TEST_F(vda5050Core, InstantActionsMapToRobotCommandsOrFail) {
   On(EventType::KillAcknowledged);
   Report(2.5f, -1, 5);  // the initialisation refused
   // An initialisation acknowledged without its kill before it is not the answer.
-  Instant({"again:initPosition"}, R"([{"key": "x", "value": 0}, {"key": "y", "value": 0},
-      {"key": "theta", "value": 0}])");
+  Instant({"again:initPosition"}, pose("0", "0", "0"));
   On(EventType::InitAcknowledged);
   EXPECT_EQ(Said(),
             "actionRefused; actionRefused; robotBadParameter; cancelOrder=FAILED; "
