@@ -7,7 +7,7 @@
 # master over TCP in this test's private namespace. Needs root for the
 # namespaces. SHIM, a library preloaded into the bridges, makes every other
 # recv() answer "nothing yet": the bridge must still see every message.
-import collections, json, math, os, pathlib, queue, shutil, subprocess, sys, tempfile, time
+import collections, json, math, os, pathlib, queue, shutil, socket, struct, subprocess, sys, tempfile, time
 import paho.mqtt.client as mqtt
 
 SIM, BRIDGE, MODE = sys.argv[1:4]
@@ -131,6 +131,17 @@ def scenario_broker():
           == [("controlServerLost", "FATAL")], "a fatal error")
     connection("r1", "CONNECTIONBROKEN")
     assert br.wait(timeout=10) == 6
+    # A control server (here, in the master's namespace) whose frame cannot be read: length -10.
+    with socket.create_server(("127.0.0.1", 6868)) as server:
+        procs.append(br := subprocess.Popen([BRIDGE, "--manufacturer", "acme", "--serial", "r2", "--unix", SOCK]))
+        peer = server.accept()[0]
+        connection("r2", "ONLINE")
+        peer.sendall(b"#" + struct.pack("<ii", 11, -10))
+        s = until("r2", "state", lambda s: s["errors"], "a fatal error")[-1]
+        assert [(e["errorType"], e["errorLevel"]) for e in s["errors"]] == [("controlServerLost", "FATAL")], s
+        assert s["errors"][0]["errorDescription"].startswith("the control server sent unreadable data: "), s
+        connection("r2", "CONNECTIONBROKEN")
+        assert br.wait(timeout=10) == 7
 
 def scenario_fleet():
     plans = {"r1": [(0, 0), (1, 0), (1, 1)], "r2": [(2, 2), (2, 0.5)], "r3": [(-1, 0), (-1, -1), (0, -1), (0, 0)]}
