@@ -1,14 +1,20 @@
 #include "bridge.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
-#include <sstream>
+#include <cstdint>
 
 namespace vda {
 
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
+// The standard's integers (orderUpdateId, sequenceId) are uint32.
+constexpr std::uint64_t kMaxUint32 = 0xFFFFFFFF;
+// Positions the bridge passes on (metres from the map's origin): the robot
+// takes single-precision millimetres, which resolve a millimetre up to here.
+constexpr double kMaxCoordinate = 10000;
 // The robot's speed limit can be set from 300 to 1300 mm/s.
 constexpr double kSpeedMin = 0.3, kSpeedMax = 1.3;
 // A first node closer than this counts as reached when the order gives no
@@ -27,8 +33,43 @@ bool Str(const Json& j, const char* k) {
 bool Num(const Json& j, const char* k) {
   return j.contains(k) && j[k].is_number();
 }
-bool Uint(const Json& j, const char* k) {
-  return j.contains(k) && j[k].is_number_unsigned();
+bool Uint32(const Json& j, const char* k) {
+  return j.contains(k) && j[k].is_number_unsigned() && j[k].get<std::uint64_t>() <= kMaxUint32;
+}
+// An id or enum the state may echo: a string of 1 to kMaxIdLen bytes.
+bool Id(const Json& j, const char* k) {
+  return Str(j, k) && !j[k].get_ref<const std::string&>().empty() &&
+         j[k].get_ref<const std::string&>().size() <= kMaxIdLen;
+}
+const std::string kIdRule = "1 to " + std::to_string(kMaxIdLen) + " bytes";
+const std::string kUint32Rule = "an integer from 0 to " + std::to_string(kMaxUint32);
+const std::string kCoordinateRule =
+    std::to_string(static_cast<int>(kMaxCoordinate)) + " m of the origin";
+
+// At most kMaxIdLen bytes of a text, cut on a character boundary (the JSON
+// writer refuses broken UTF-8), with "..." when cut.
+std::string Bounded(const std::string& text) {
+  if (text.size() <= kMaxIdLen) return text;
+  std::size_t n = kMaxIdLen;
+  while (n > 0 && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80) --n;
+  return text.substr(0, n) + "...";
+}
+
+// A number the robot reported, as the decimal it wrote: the shortest text
+// that reads back as the same float, so 3.1416f publishes as 3.1416 and not
+// as 3.14159989356994.
+double Decimal(float f) {
+  char text[32];
+  const std::to_chars_result end = std::to_chars(text, text + sizeof text, f);
+  double d = 0;
+  std::from_chars(text, end.ptr, d);
+  return d;
+}
+
+// A heading in [-pi, pi], the standard's range; the robot reports pi as
+// 3.1416 when facing west.
+double Heading(double theta) {
+  return std::remainder(theta, 2 * kPi);
 }
 bool Bool(const Json& j, const char* k) {
   return j.contains(k) && j[k].is_boolean();
@@ -37,32 +78,14 @@ bool Arr(const Json& j, const char* k) {
   return j.contains(k) && j[k].is_array();
 }
 
-// The robot's task-state codes as error types; documented in docs/vda5050.md.
-std::string RobotErrorType(int code) {
-  switch (code) {
-    case 2:
-      return "robotNotOnline";
-    case 3:
-      return "robotBusy";
-    case 4:
-      return "robotUnsupportedAction";
-    case 5:
-      return "robotBadParameter";
-  }
-  return "robotError";
+// The robot's error code as an error type: "robot" and the task state's
+// name as one word (robotBusy), robotError for a code outside the table.
+std::string RobotErrorType(std::int32_t code) {
+  const tarn::TaskState* s = tarn::find_task_state(code);
+  return s != nullptr ? std::string("robot") + s->ident : "robotError";
 }
 
 }  // namespace
-
-bool ParseReport(const std::string& numbers, const std::string& online, Report& out) {
-  std::istringstream in(numbers);
-  Report r;
-  if (!(in >> r.voltage >> r.x >> r.y >> r.state >> r.theta >> r.velocity >> r.acceleration))
-    return false;
-  r.online = online == "online" || online == "offline" ? online : "";
-  out = r;
-  return true;
-}
 
 Bridge::Bridge(Config config, RobotPort& robot) : cfg_(std::move(config)), robot_(robot) {}
 
@@ -81,8 +104,9 @@ Json Bridge::Header(const std::string& topic, const std::string& timestamp) {
 
 void Bridge::Error(const std::string& type, const std::string& text,
                    std::vector<std::pair<std::string, std::string>> refs, const char* level) {
+  // Whatever a master sent, an error stays small: every echoed value is bounded.
   Json r = Json::array();
-  for (auto& [k, v] : refs) r.push_back({{"referenceKey", k}, {"referenceValue", v}});
+  for (auto& [k, v] : refs) r.push_back({{"referenceKey", k}, {"referenceValue", Bounded(v)}});
   if (errors_.size() == kMaxErrors) errors_.erase(errors_.begin());
   errors_.push_back({{"errorType", type},
                      {"errorLevel", level},
@@ -108,11 +132,13 @@ void Bridge::SetAction(const std::string& id, const char* status) {
   state_due_ = true;
 }
 
-// Checks an order against the standard's structure and against what this
-// robot can do; reports the first problem found. The robot needs a position
-// for every node it is to drive to, drives straight lines facing forwards, and
-// has no load handling or other devices, so node and edge actions, edge
-// trajectories, corridors and fixed orientations are refused, not ignored.
+// Checks an order against the standard's structure and ranges and against
+// what this robot can do; reports the first problem found. The robot needs a
+// position for every node it is to drive to, drives straight lines facing
+// forwards, and has no load handling or other devices, so node and edge
+// actions, edge trajectories, corridors and fixed orientations are refused,
+// not ignored. Ids longer than kMaxIdLen are refused before anything holds or
+// echoes them.
 bool Bridge::Valid(const Json& o, std::vector<Node>& nodes, std::vector<Edge>& edges) {
   using Refs = std::vector<std::pair<std::string, std::string>>;
   auto bad = [&](const char* type, const std::string& text, Refs refs) {
@@ -120,27 +146,48 @@ bool Bridge::Valid(const Json& o, std::vector<Node>& nodes, std::vector<Edge>& e
     Error(type, text, refs);
     return false;
   };
-  if (!Str(o, "orderId") || !Uint(o, "orderUpdateId") || !Arr(o, "nodes") || !Arr(o, "edges"))
+  if (!Str(o, "orderId") || !o.contains("orderUpdateId") || !Arr(o, "nodes") || !Arr(o, "edges"))
     return bad("validationError", "orderId, orderUpdateId, nodes and edges are required", {});
+  const Refs order{{"orderId", o["orderId"].get<std::string>()}};
+  if (!Id(o, "orderId")) return bad("validationError", "an orderId needs " + kIdRule, order);
+  if (!Uint32(o, "orderUpdateId"))
+    return bad("validationError", "orderUpdateId must be " + kUint32Rule, order);
   const Json& jn = o["nodes"];
   const Json& je = o["edges"];
-  const Refs order{{"orderId", o["orderId"].get<std::string>()}};
   if (jn.empty() || je.size() + 1 != jn.size())
     return bad("validationError", "an order needs one node more than edges", order);
+  // The first node is where the robot stands; the others may all be driven
+  // as one stretch, which one command must carry.
+  if (jn.size() > cfg_.max_stretch + 1)
+    return bad("orderError",
+               "this robot takes at most " + std::to_string(cfg_.max_stretch + 1) +
+                   " nodes per order (one drive command carries " +
+                   std::to_string(cfg_.max_stretch) + " way-points)",
+               order);
   bool horizon = false;
   for (std::size_t i = 0; i < jn.size(); ++i) {
     const Json& n = jn[i];
-    if (!n.is_object() || !Str(n, "nodeId") || !Uint(n, "sequenceId") || !Bool(n, "released") ||
+    if (!n.is_object() || !Str(n, "nodeId") || !n.contains("sequenceId") || !Bool(n, "released") ||
         !Arr(n, "actions"))
       return bad("validationError", "node " + std::to_string(i) + " is malformed", order);
+    if (!Id(n, "nodeId"))
+      return bad("validationError", "a nodeId needs " + kIdRule, {{"nodeId", n["nodeId"]}});
+    const Refs ref{{"nodeId", n["nodeId"]}};
+    if (!Uint32(n, "sequenceId"))
+      return bad("validationError", "a sequenceId must be " + kUint32Rule, ref);
     Node node{n["nodeId"], n["sequenceId"], n["released"], 0, 0, {}, Json()};
-    const Refs ref{{"nodeId", node.id}};
     if (i > 0) {
       const Json& e = je[i - 1];
-      if (!e.is_object() || !Str(e, "edgeId") || !Uint(e, "sequenceId") || !Bool(e, "released") ||
-          !Str(e, "startNodeId") || !Str(e, "endNodeId") || !Arr(e, "actions") ||
-          e["startNodeId"] != jn[i - 1]["nodeId"] || e["endNodeId"] != node.id)
+      if (!e.is_object() || !Str(e, "edgeId") || !e.contains("sequenceId") ||
+          !Bool(e, "released") || !Str(e, "startNodeId") || !Str(e, "endNodeId") ||
+          !Arr(e, "actions") || e["startNodeId"] != jn[i - 1]["nodeId"] ||
+          e["endNodeId"] != node.id)
         return bad("validationError", "edge " + std::to_string(i - 1) + " is malformed", ref);
+      if (!Id(e, "edgeId"))
+        return bad("validationError", "an edgeId needs " + kIdRule, {{"edgeId", e["edgeId"]}});
+      if (!Uint32(e, "sequenceId"))
+        return bad("validationError", "a sequenceId must be " + kUint32Rule,
+                   {{"edgeId", e["edgeId"]}});
       Edge edge{e["edgeId"], e["sequenceId"], e["released"], {}};
       const Refs eref{{"edgeId", edge.id}};
       if (edge.released && (!node.released || horizon))
@@ -184,12 +231,20 @@ bool Bridge::Valid(const Json& o, std::vector<Node>& nodes, std::vector<Edge>& e
         return bad("orderError", "this robot knows only the map " + cfg_.map_id, ref);
       node.x = p["x"];
       node.y = p["y"];
+      if (std::fabs(node.x) > kMaxCoordinate || std::fabs(node.y) > kMaxCoordinate)
+        return bad("orderError", "this robot's positions lie within " + kCoordinateRule, ref);
+      node.position = {{"x", node.x}, {"y", node.y}, {"mapId", cfg_.map_id}};
       if (p.contains("theta")) {
         if (!Num(p, "theta") || std::fabs(p["theta"].get<double>()) > kPi)
           return bad("validationError", "theta must lie in [-pi, pi]", ref);
         node.theta = p["theta"].get<double>();
+        node.position["theta"] = *node.theta;
       }
-      node.raw = p;
+      for (const char* field : {"allowedDeviationXY", "allowedDeviationTheta"}) {
+        if (!p.contains(field)) continue;
+        if (!Num(p, field)) return bad("validationError", std::string(field) + " is a number", ref);
+        node.position[field] = p[field];
+      }
     } else if (node.released) {
       return bad("orderError", "this robot needs the nodePosition of every released node", ref);
     }
@@ -230,8 +285,8 @@ void Bridge::Order(const std::string& payload) try {
     return Error("orderError", "an order is still running: cancel it first", refs);
   if (!initialized_)
     return Error("orderError", "the position is not initialised: send initPosition", refs);
-  if (report_.state != -1)
-    return Error("orderError", "the robot reports error " + std::to_string(report_.state), refs);
+  if (report_.state != tarn::state_free)
+    return Error("orderError", "the robot reports " + tarn::describe_state(report_.state), refs);
   const Json& p = o["nodes"][0]["nodePosition"];
   const double allowed = p.value("allowedDeviationXY", 0.0);
   const double off = std::hypot(nodes[0].x - report_.x, nodes[0].y - report_.y);
@@ -270,7 +325,9 @@ void Bridge::Accept(const Json& o, std::vector<Node> nodes, std::vector<Edge> ed
 // Starts the next move when the robot is free: the pending turn, else the
 // released nodes up to the next one with a heading, driven as one list of
 // way-points. The robot stops on every way-point anyway, so cutting the base
-// at a heading costs no motion.
+// at a heading costs no motion, and neither does cutting it after
+// max_stretch way-points: an order is refused beyond that, but an update
+// stitched to a base still ahead can make the released nodes longer.
 void Bridge::Step() {
   if (phase_ != Phase::kIdle || lost_) return;
   if (turn_ && std::fabs(std::remainder(*turn_ - report_.theta, 2 * kPi)) < kThetaTolerance)
@@ -283,7 +340,7 @@ void Bridge::Step() {
   }
   std::size_t n = 0;
   std::optional<double> speed;
-  while (n < nodes_.size() && nodes_[n].released) {
+  while (n < nodes_.size() && n < cfg_.max_stretch && nodes_[n].released) {
     if (n < edges_.size() && edges_[n].max_speed)
       speed = std::min(speed.value_or(kSpeedMax), *edges_[n].max_speed);
     if (nodes_[n++].theta) break;
@@ -336,36 +393,66 @@ void Bridge::OnActionEnded() {
   state_due_ = true;
 }
 
-void Bridge::OnReport(const Report& r) {
-  if (r.state != report_.state || !have_report_) state_due_ = true;
-  report_ = r;
-  have_report_ = true;
-  if (detail_pending_) {
-    detail_pending_ = false;
-    SetAction(detail_action_, "FINISHED");
+void Bridge::OnEvent(const tarn::Event& e) {
+  using tarn::EventType;
+  switch (e.type) {
+    case EventType::InitAcknowledged:
+      return OnInitAck();
+    case EventType::KillAcknowledged:
+      return OnKillAck();
+    case EventType::Report:
+    case EventType::Refused:
+      return OnReport(e.report);
+    // Progress while no action runs is ignored by the library: no total.
+    case EventType::WaypointPassed:
+      if (e.total > 0) OnPassed();
+      return;
+    case EventType::ActionFinished:
+      if (e.total > 0) OnActionEnded();
+      return;
+    case EventType::ConnectionLost:
+      return OnServerLost("the connection to the control server is closed");
+    case EventType::Unreadable:
+      return OnServerLost("the control server sent unreadable data: " + e.reason);
+    case EventType::Other:
+      return;
   }
+}
+
+// An incomplete report is ignored whole: the library keeps the values from
+// the first number it could not read onwards, so its fields would mix two
+// reports. The next complete report brings the bridge up to date.
+void Bridge::OnReport(const tarn::Report& r) {
+  if (!r.complete) return;
+  if (r.state != report_.state || !have_report_) state_due_ = true;
+  report_ = {Decimal(r.x),        Decimal(r.y),       Heading(Decimal(r.orientation)),
+             Decimal(r.velocity), Decimal(r.voltage), r.state,
+             r.online == false};
+  have_report_ = true;
+  for (const std::string& id : detail_actions_) SetAction(id, "FINISHED");
+  detail_actions_.clear();
   switch (phase_) {
     case Phase::kSettling:
     case Phase::kTurning:
-      if (r.state == -1) {
+      if (r.state == tarn::state_free) {
         if (phase_ == Phase::kTurning) turn_.reset();
         phase_ = Phase::kIdle;
         state_due_ = true;
         Step();
-      } else if (r.state > 0) {
-        Fail("the robot reports error " + std::to_string(r.state));
+      } else if (tarn::is_error(r.state)) {
+        Fail("the robot reports " + tarn::describe_state(r.state));
       }
       break;
     case Phase::kTurnSent:
       // Reports sent before the turn arrived still say free; the turn's own
       // report says working.
-      if (r.state == 0) phase_ = Phase::kTurning;
-      if (r.state > 0) Fail("the robot refused to turn");
+      if (r.state == tarn::state_working) phase_ = Phase::kTurning;
+      if (tarn::is_error(r.state)) Fail("the robot refused to turn");
       break;
     case Phase::kResetting:
       // After the kill's acknowledgement the error can only be the
       // initialisation's refusal.
-      if (killed_ && r.state > 0) {
+      if (killed_ && tarn::is_error(r.state)) {
         SetAction(reset_action_, "FAILED");
         Error("actionRefused", "the robot refused the pose", {{"actionId", reset_action_}});
         phase_ = Phase::kIdle;
@@ -382,19 +469,28 @@ void Bridge::OnKillAck() {
   state_due_ = true;
 }
 
+// Init sends a kill and then the initialisation, and the server answers each
+// in that order. An initialisation acknowledged before the reset's kill was
+// is not the answer to this reset: the robot's pose is then unknown.
 void Bridge::OnInitAck() {
   initialized_ = true;
   state_due_ = true;
   if (phase_ != Phase::kResetting) return;
+  phase_ = Phase::kIdle;
+  if (!killed_) {
+    SetAction(reset_action_, "FAILED");
+    return Error("actionRefused",
+                 "the robot acknowledged an initialisation but not the kill before it",
+                 {{"actionId", reset_action_}});
+  }
   SetAction(reset_action_, "FINISHED");
   if (!reset_node_.empty()) last_node_ = reset_node_, last_seq_ = 0;
-  phase_ = Phase::kIdle;
 }
 
-void Bridge::OnServerLost() {
+void Bridge::OnServerLost(const std::string& why) {
   if (lost_) return;
   lost_ = true;
-  Error("controlServerLost", "the connection to the control server is closed", {}, "FATAL");
+  Error("controlServerLost", why, {}, "FATAL");
   for (ActionState& a : actions_)
     if (a.status == "RUNNING" || a.status == "WAITING") a.status = "FAILED";
   nodes_.clear();
@@ -409,9 +505,16 @@ void Bridge::InstantActions(const std::string& payload) try {
   const std::vector<std::pair<std::string, std::string>> topic{{"topic", "instantActions"}};
   if (!o.is_object() || !Arr(o, "actions"))
     return Error("validationError", "instantActions needs an actions array", topic);
-  for (const Json& a : o["actions"])
-    if (!a.is_object() || !Str(a, "actionId") || !Str(a, "actionType") || !Str(a, "blockingType"))
-      return Error("validationError", "an action needs actionId, actionType, blockingType", topic);
+  // Everything the state would echo is checked before any action is taken.
+  for (const Json& a : o["actions"]) {
+    if (!a.is_object() || !Id(a, "actionId") || !Id(a, "actionType") || !Id(a, "blockingType"))
+      return Error("validationError",
+                   "an action needs actionId, actionType and blockingType of " + kIdRule, topic);
+    if (Arr(a, "actionParameters"))
+      for (const Json& p : a["actionParameters"])
+        if (p.is_object() && Str(p, "key") && !Id(p, "key"))
+          return Error("validationError", "an actionParameter key needs " + kIdRule, topic);
+  }
   for (const Json& a : o["actions"]) {
     const std::string id = a["actionId"], type = a["actionType"];
     const std::vector<std::pair<std::string, std::string>> refs{{"actionId", id},
@@ -420,7 +523,11 @@ void Bridge::InstantActions(const std::string& payload) try {
       auto settled = std::find_if(actions_.begin(), actions_.end(), [](const ActionState& s) {
         return s.status == "FINISHED" || s.status == "FAILED";
       });
-      if (settled != actions_.end()) actions_.erase(settled);
+      if (settled == actions_.end()) {
+        Error("actionRefused", "too many actions under way", refs);
+        continue;
+      }
+      actions_.erase(settled);
     }
     actions_.push_back({id, type, "WAITING", ""});
     std::map<std::string, Json> params;
@@ -441,23 +548,32 @@ void Bridge::InstantActions(const std::string& payload) try {
       // an offline robot is not asked and the state goes out at once.
       SetAction(id, "RUNNING");
       if (initialized_) {
-        robot_.Detail();
-        detail_pending_ = true;
-        detail_action_ = id;
+        // One report answers every request still waiting for one.
+        if (detail_actions_.empty()) robot_.Detail();
+        detail_actions_.push_back(id);
       } else {
         SetAction(id, "FINISHED");
       }
     } else if (type == "initPosition") {
-      auto num = [&](const char* k) { return params.count(k) && params[k].is_number(); };
-      if (!num("x") || !num("y") || !num("theta") ||
-          (params.count("mapId") && params["mapId"] != cfg_.map_id)) {
-        fail("validationError", "initPosition needs x, y, theta and this robot's mapId");
+      // Checked before anything is sent: Init kills the robot first, and a
+      // pose it then refuses would leave it offline.
+      auto within = [&](const char* k, double limit) {
+        return params.count(k) && params[k].is_number() &&
+               std::fabs(params[k].get<double>()) <= limit;
+      };
+      const bool node_ok = !params.count("lastNodeId") ||
+                           (params["lastNodeId"].is_string() &&
+                            params["lastNodeId"].get_ref<const std::string&>().size() <= kMaxIdLen);
+      if (!within("x", kMaxCoordinate) || !within("y", kMaxCoordinate) || !within("theta", kPi) ||
+          (params.count("mapId") && params["mapId"] != cfg_.map_id) || !node_ok) {
+        fail("validationError", "initPosition needs x and y within " + kCoordinateRule +
+                                    ", theta in [-pi, pi], this robot's mapId and a lastNodeId of "
+                                    "at most " +
+                                    std::to_string(kMaxIdLen) + " bytes");
       } else if (HasOrder() || phase_ != Phase::kIdle) {
         fail("actionRefused", "an order is running: cancel it first");
       } else {
-        reset_node_ = params.count("lastNodeId") && params["lastNodeId"].is_string()
-                          ? params["lastNodeId"].get<std::string>()
-                          : "";
+        reset_node_ = params.count("lastNodeId") ? params["lastNodeId"].get<std::string>() : "";
         Reset(id, params["x"].get<double>(), params["y"].get<double>(),
               params["theta"].get<double>());
       }
@@ -499,7 +615,7 @@ Json Bridge::Position() const {
           {"y", report_.y},
           {"theta", report_.theta},
           {"mapId", cfg_.map_id},
-          {"positionInitialized", initialized_ && report_.online != "offline"}};
+          {"positionInitialized", initialized_ && !report_.offline}};
 }
 
 Json Bridge::State(const std::string& timestamp) {
@@ -511,7 +627,7 @@ Json Bridge::State(const std::string& timestamp) {
   s["nodeStates"] = Json::array();
   for (const Node& n : nodes_) {
     Json j{{"nodeId", n.id}, {"sequenceId", n.seq}, {"released", n.released}};
-    if (!n.raw.is_null()) j["nodePosition"] = n.raw;
+    if (!n.position.is_null()) j["nodePosition"] = n.position;
     s["nodeStates"].push_back(j);
   }
   s["edgeStates"] = Json::array();
@@ -532,11 +648,11 @@ Json Bridge::State(const std::string& timestamp) {
                        {"charging", false}};
   s["operatingMode"] = "AUTOMATIC";
   s["errors"] = errors_;
-  if (report_.state > 0)
+  if (tarn::is_error(report_.state))
     s["errors"].push_back(
         {{"errorType", RobotErrorType(report_.state)},
          {"errorLevel", "WARNING"},
-         {"errorDescription", "the robot reports error code " + std::to_string(report_.state)},
+         {"errorDescription", "the robot reports " + tarn::describe_state(report_.state)},
          {"errorReferences",
           {{{"referenceKey", "robotErrorCode"},
             {"referenceValue", std::to_string(report_.state)}}}}});
@@ -586,14 +702,21 @@ Json Bridge::Factsheet(const std::string& timestamp) {
                              {"heightMax", 0},
                              {"width", 0},
                              {"length", 0}};
-  f["protocolLimits"] = {
-      {"maxStringLens", Json::object()},
-      {"maxArrayLens",
-       {{"node.actions", 0},
-        {"edge.actions", 0},
-        {"state.errors", kMaxErrors + 1},
-        {"state.actionStates", kMaxActionStates}}},
-      {"timing", {{"minOrderInterval", 0}, {"minStateInterval", 0}, {"defaultStateInterval", 30}}}};
+  // Zero or absent means "no explicit limit" in the standard, so node.actions
+  // and edge.actions are left out: that no action may be put on a node or an
+  // edge is said by agvActions, where every action is INSTANT only.
+  Json timing{{"minOrderInterval", 0},
+              {"minStateInterval", 0},
+              {"defaultStateInterval", cfg_.state_interval}};
+  if (cfg_.visualization_interval > 0)
+    timing["visualizationInterval"] = cfg_.visualization_interval;
+  f["protocolLimits"] = {{"maxStringLens", {{"idLen", kMaxIdLen}, {"enumLen", kMaxIdLen}}},
+                         {"maxArrayLens",
+                          {{"order.nodes", cfg_.max_stretch + 1},
+                           {"order.edges", cfg_.max_stretch},
+                           {"state.errors", kMaxErrors + 1},
+                           {"state.actionStates", kMaxActionStates}}},
+                         {"timing", timing}};
   f["protocolFeatures"] = {
       {"optionalParameters",
        {{{"parameter", "order.nodes.nodePosition"}, {"support", "REQUIRED"}},

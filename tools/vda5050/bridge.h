@@ -1,8 +1,8 @@
 #pragma once
 
 // The VDA 5050 face of one robot, as a pure state machine: order and instant
-// action payloads in, the robot's messages (status reports, progress,
-// acknowledgements) in, commands out through RobotPort, and the JSON of the
+// action payloads in, the robot's messages in as the event layer hands them
+// over (tarn::Event), commands out through RobotPort, and the JSON of the
 // state, visualization, connection and factsheet topics on demand. No
 // sockets, no clock, no MQTT: tarn-vda5050's main loop owns all of that.
 //
@@ -10,12 +10,15 @@
 // in millimetres and reports x and y in metres, velocity in mm/s.
 
 #include <array>
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
+
+#include "robot/events.h"
 
 namespace vda {
 
@@ -41,18 +44,19 @@ struct Config {
   // battery runs from 26.4 V full down to a 22.0 V floor).
   double battery_empty_v = 22.0;
   double battery_full_v = 26.4;
+  // How often the main loop sends the state and visualization topics
+  // (seconds; 0: no visualization). Only the factsheet reads them.
+  double state_interval = 30;
+  double visualization_interval = 1;
+  // The most way-points one drive command may carry: its frame must stay
+  // within the receiver's frame limit. Orders are refused beyond one node
+  // more than this, and the factsheet announces that limit.
+  std::size_t max_stretch = tarn::max_path_points();
 };
 
-// One status report: "voltage x y state orientation velocity acceleration",
-// the robot's name, and "online"/"offline" where the server says so.
-struct Report {
-  double voltage = 0, x = 0, y = 0;
-  int state = -1;
-  double theta = 0, velocity = 0, acceleration = 0;
-  std::string online;  // "online", "offline" or "" when the server does not say
-};
-// Reads a report's texts; false when the numbers do not all parse.
-bool ParseReport(const std::string& numbers, const std::string& online, Report& out);
+// Longest id, action type or key the bridge takes (bytes): everything it
+// echoes in the state is bounded by it.
+inline constexpr std::size_t kMaxIdLen = 128;
 
 // Fixed texts of the protocol.
 inline constexpr const char* kVersion = "2.1.0";
@@ -66,14 +70,10 @@ class Bridge {
   void Order(const std::string& payload);
   void InstantActions(const std::string& payload);
 
-  // The robot's messages, in arrival order.
-  void OnReport(const Report& r);
-  void OnPassed();       // "path": one way-point passed
-  void OnActionEnded();  // "action": the running drive ended
-  void OnInitAck();
-  void OnKillAck();
-  // The control server closed the connection: a fatal error from now on.
-  void OnServerLost();
+  // The robot's messages, each once and in arrival order, as tarn::Events
+  // hands them over. A lost connection or an unreadable stream is a fatal
+  // error from then on.
+  void OnEvent(const tarn::Event& e);
 
   // Whether something the state topic carries changed since the last call;
   // likewise whether a factsheet was asked for.
@@ -89,11 +89,6 @@ class Bridge {
 
   std::string Topic(const std::string& name) const;
 
-  // A drive is under way, and how many of its way-points are still ahead.
-  bool Driving() const { return phase_ == Phase::kDriving; }
-  std::size_t Remaining() const { return segment_ - passed_; }
-  bool Initialized() const { return initialized_; }
-
  private:
   struct Node {
     std::string id;
@@ -101,7 +96,7 @@ class Bridge {
     bool released = true;
     double x = 0, y = 0;
     std::optional<double> theta;
-    Json raw;
+    Json position;  // nodePosition as echoed in nodeStates: its known fields only
   };
   struct Edge {
     std::string id;
@@ -113,6 +108,13 @@ class Bridge {
     std::string id, type, status, result;
   };
   enum class Phase { kIdle, kDriving, kSettling, kTurnSent, kTurning, kResetting };
+
+  void OnReport(const tarn::Report& r);
+  void OnPassed();
+  void OnActionEnded();
+  void OnInitAck();
+  void OnKillAck();
+  void OnServerLost(const std::string& why);
 
   Json Header(const std::string& topic, const std::string& timestamp);
   void Error(const std::string& type, const std::string& text,
@@ -129,7 +131,13 @@ class Bridge {
   Config cfg_;
   RobotPort& robot_;
   std::map<std::string, unsigned> header_ids_;
-  Report report_;
+  // The last complete status report, in the published units: x, y and theta
+  // as the robot wrote them (theta within [-pi, pi]), velocity in m/s.
+  struct Pose {
+    double x = 0, y = 0, theta = 0, velocity = 0, voltage = 0;
+    std::int32_t state = tarn::state_free;
+    bool offline = false;  // the server said "offline"
+  } report_;
   bool have_report_ = false;
   bool initialized_ = false;  // an initialisation was acknowledged
   bool lost_ = false;
@@ -148,12 +156,11 @@ class Bridge {
   Phase phase_ = Phase::kIdle;
   std::size_t segment_ = 0;  // way-points in the running drive
   std::size_t passed_ = 0;
-  std::optional<double> turn_;   // heading to take before driving on
-  std::string reset_action_;     // initPosition or cancelOrder awaiting the robot
-  std::string reset_node_;       // lastNodeId given with initPosition
-  bool killed_ = false;          // the reset's kill was acknowledged
-  bool detail_pending_ = false;  // a stateRequest awaits the robot's report
-  std::string detail_action_;
+  std::optional<double> turn_;               // heading to take before driving on
+  std::string reset_action_;                 // initPosition or cancelOrder awaiting the robot
+  std::string reset_node_;                   // lastNodeId given with initPosition
+  bool killed_ = false;                      // the reset's kill was acknowledged
+  std::vector<std::string> detail_actions_;  // stateRequests awaiting the robot's report
 };
 
 }  // namespace vda

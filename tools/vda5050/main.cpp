@@ -1,6 +1,7 @@
 // tarn-vda5050: one robot behind this SDK as a VDA 5050 vehicle on an MQTT
 // broker. One poll() loop serves both connections: the broker's (libmosquitto,
-// driven by hand) and the control server's (Robot::Handle).
+// driven by hand) and the control server's (tarn::Events, which hands every
+// message the robot sends to the bridge once, in bounded steps).
 
 #include <mosquitto.h>
 #include <poll.h>
@@ -13,19 +14,22 @@
 #include <ctime>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <unordered_map>
 
 #include "bridge.h"
-#include "robot/robot.h"
+#include "robot/events.h"
 #include "tarn_config.h"
+#include "tools/common/exit_status.h"
 
 namespace {
 
-// Exit codes, documented in the usage text and docs/vda5050.md.
-constexpr int kExitStopped = 0, kExitFailure = 1, kExitUsage = 2, kExitServer = 3, kExitBroker = 4;
-// A flood of frames must not keep one step from ever ending.
-constexpr int kMaxFramesPerStep = 1000;
+using namespace tarn_tools;
+
+// The library connects with a blocking socket; a server whose accept queue is
+// full would otherwise hold the start for minutes.
+constexpr std::chrono::seconds kConnectLimit{10};
 
 volatile std::sig_atomic_t g_stop = 0;
 void OnSignal(int) {
@@ -65,8 +69,7 @@ void Usage(std::ostream& out) {
          "  --state-interval S  state at least every S seconds (default 30)\n"
          "  --battery V0 V1     voltages read as 0 % and 100 % charge (default 22.0 26.4)\n"
          "\n"
-         "Exit status: 0 stopped by SIGINT/SIGTERM, 2 bad arguments, 3 control server\n"
-         "unreachable or lost, 4 broker unreachable, 1 anything else.\n";
+      << kExitStatusHelp;
 }
 
 // The bridge's commands, carried out with the library's Robot.
@@ -74,10 +77,7 @@ struct RobotCommands : vda::RobotPort {
   Robot& robot;
   explicit RobotCommands(Robot& r) : robot(r) {}
   bool Drive(const std::vector<std::array<float, 3>>& points) override {
-    std::vector<std::array<float, 3>> copy = points;
-    std::deque<float*> list;
-    for (auto& p : copy) list.push_back(p.data());
-    return robot.SetPosition(list);
+    return tarn::set_path(robot, points);
   }
   bool Turn(float theta) override { return robot.SetOrientation(theta); }
   bool Speed(int v) override { return robot.SetVelocity(v); }
@@ -160,6 +160,8 @@ bool Parse(int argc, char** argv, Options& o) {
     }
   }
   o.port = port > 0 ? static_cast<int>(port) : o.cafile.empty() ? 1883 : 8883;
+  o.config.state_interval = o.state_interval;
+  o.config.visualization_interval = o.viz_rate > 0 ? 1 / o.viz_rate : 0;
   return true;
 }
 
@@ -178,12 +180,13 @@ void Publish(Mqtt& m, const std::string& topic, const vda::Json& message, int qo
 
 int Run(const Options& o) {
   // The robot first: without the control server there is nothing to offer.
-  Robot robot;
-  if (!robot.connected) {
+  const std::unique_ptr<Robot> robot = tarn::connect(kConnectLimit);
+  if (!robot->connected) {
     std::cerr << "tarn-vda5050: control server " TARN_SERVER_ADDRESS " unreachable\n";
-    return kExitServer;
+    return kUnreachable;
   }
-  RobotCommands commands(robot);
+  tarn::Events events(*robot);
+  RobotCommands commands(*robot);
   vda::Bridge bridge(o.config, commands);
   Mqtt m;
   m.bridge = &bridge;
@@ -192,6 +195,11 @@ int Run(const Options& o) {
   const std::string client_id = "tarn-vda5050-" + o.config.serial;
   m.mosq = mosquitto_new(client_id.c_str(), true, &m);
   if (m.mosq == nullptr) throw std::bad_alloc();
+  // A state often follows another message within milliseconds (the state
+  // after an instant action's RUNNING one, the echo of an order after a
+  // visualization). With Nagle's algorithm on, such a small write waits for
+  // the broker's delayed acknowledgement of the one before: about 40 ms.
+  mosquitto_int_option(m.mosq, MOSQ_OPT_TCP_NODELAY, 1);
   const std::string will = bridge.Connection(Now(), "CONNECTIONBROKEN").dump();
   mosquitto_will_set(m.mosq, bridge.Topic("connection").c_str(), static_cast<int>(will.size()),
                      will.data(), 1, true);
@@ -201,7 +209,7 @@ int Run(const Options& o) {
   if (!o.cafile.empty() && mosquitto_tls_set(m.mosq, o.cafile.c_str(), nullptr, nullptr, nullptr,
                                              nullptr) != MOSQ_ERR_SUCCESS) {
     std::cerr << "tarn-vda5050: cannot use the CA file " << o.cafile << "\n";
-    return kExitUsage;
+    return kUsage;
   }
   mosquitto_connect_callback_set(m.mosq, [](mosquitto* mosq, void* data, int rc) {
     Mqtt& m = *static_cast<Mqtt*>(data);
@@ -231,48 +239,21 @@ int Run(const Options& o) {
                                      : mosquitto_connect(m.mosq, o.unix_path.c_str(), 0, 15);
   if (rc != MOSQ_ERR_SUCCESS) {
     std::cerr << "tarn-vda5050: broker unreachable: " << mosquitto_strerror(rc) << "\n";
-    return kExitBroker;
+    return kBroker;
   }
 
   const auto viz_period = std::chrono::duration<double>(o.viz_rate > 0 ? 1 / o.viz_rate : 0);
   const auto state_period = std::chrono::duration<double>(o.state_interval);
   Clock::time_point next_viz = Clock::now(), next_state = Clock::now(), next_retry = Clock::now();
   bool link = true;  // a connection to the broker is up or being acknowledged
-  int exit_code = kExitStopped;
+  int exit_code = kOk;
   for (;;) {
-    // The robot's frames are filed first so that each can be looked at in
-    // arrival order; Handle then applies them as usual and sends the queue.
-    std::unordered_map<std::string, std::size_t> seen;
-    for (const auto& entry : m_msg.inbox) seen[entry.first] = entry.second.size();
-    std::vector<Message_RTS> arrived;
-    for (int i = 0; robot.connected && i < kMaxFramesPerStep; ++i) {
-      const int result = recv_msg(m_socket, m_msg);
-      for (const auto& entry : m_msg.inbox)
-        for (std::size_t& n = seen[entry.first]; n < entry.second.size(); ++n)
-          arrived.push_back(entry.second[n]);
-      if (result == 0 || result == -2) break;
-    }
-    robot.Handle();
-    for (const Message_RTS& msg : arrived) {
-      vda::Report r;
-      if (msg.key == KEY_DETAIL && vda::ParseReport(msg.text_param1, msg.text_param3, r))
-        bridge.OnReport(r);
-      if (msg.key == KEY_INIT) bridge.OnInitAck();
-      if (msg.key == KEY_KILL) bridge.OnKillAck();
-      if (msg.key == KEY_ACTION && msg.text_param1 == "path") bridge.OnPassed();
-      if (msg.key == KEY_ACTION && msg.text_param1 == "action") bridge.OnActionEnded();
-    }
-    // Frames that came in after the drain were applied by Handle unseen;
-    // the list of running actions still shows what they did.
-    while (bridge.Driving() &&
-           bridge.Remaining() > (acts.empty() ? 0 : acts.front().second.path.size()))
-      bridge.OnPassed();
-    if (bridge.Driving() && acts.empty()) bridge.OnActionEnded();
-    if (robot.online && !bridge.Initialized()) bridge.OnInitAck();
-    if (!robot.connected) {
-      bridge.OnServerLost();
-      exit_code = kExitServer;
-    }
+    // Sends what the bridge queued last time round and hands it what the
+    // robot said, each message once; a step is bounded, and backlog() says
+    // when frames already received wait for the next one.
+    events.step([&](const tarn::Event& e) { bridge.OnEvent(e); });
+    if (events.lost()) exit_code = kLost;
+    if (events.unreadable()) exit_code = kUnreadable;
 
     const Clock::time_point now = Clock::now();
     if (m.connected) {
@@ -287,20 +268,16 @@ int Run(const Options& o) {
         next_viz = now + std::chrono::duration_cast<Clock::duration>(viz_period);
       }
     }
-    if (m.refused) exit_code = kExitBroker;
-    if (g_stop || exit_code != kExitStopped) break;
+    if (m.refused) exit_code = kBroker;
+    if (g_stop || exit_code != kOk) break;
 
-    // Wait for either connection, or the next periodic message.
-    pollfd fds[2] = {{mosquitto_socket(m.mosq), POLLIN, 0}, {-1, POLLIN, 0}};
+    // Wait for either connection, or the next periodic message. What the
+    // bridge queued just now goes out as soon as the connection takes it.
+    pollfd fds[2] = {{mosquitto_socket(m.mosq), POLLIN, 0}, events.poll_entry()};
     if (mosquitto_want_write(m.mosq)) fds[0].events |= POLLOUT;
-    if (robot.connected) fds[1].fd = m_socket.m_sock;
     Clock::time_point wake = std::min(next_state, now + std::chrono::seconds(1));
     if (o.viz_rate > 0) wake = std::min(wake, next_viz);
-    // What the bridge queued just now goes out as soon as the connection
-    // takes it.
-    for (const auto& entry : m_msg.outbox)
-      for (const Message_RTS& queued : entry.second)
-        if (queued.key != KEY_NONE) fds[1].events |= POLLOUT;
+    if (events.backlog()) wake = now;
     const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(wake - now).count();
     poll(fds, 2, static_cast<int>(std::max<long long>(0, wait)));
     int mrc = MOSQ_ERR_SUCCESS;
@@ -328,8 +305,7 @@ int Run(const Options& o) {
   // carries the fatal error.
   if (m.connected) {
     Publish(m, bridge.Topic("connection"),
-            bridge.Connection(Now(), exit_code == kExitStopped ? "OFFLINE" : "CONNECTIONBROKEN"), 1,
-            true);
+            bridge.Connection(Now(), exit_code == kOk ? "OFFLINE" : "CONNECTIONBROKEN"), 1, true);
     // Let the QoS 1 publication go out before disconnecting, bounded in time.
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(2);
     while (mosquitto_want_write(m.mosq) && Clock::now() < deadline) {
@@ -341,7 +317,9 @@ int Run(const Options& o) {
   }
   mosquitto_destroy(m.mosq);
   mosquitto_lib_cleanup();
-  if (exit_code == kExitServer) std::cerr << "tarn-vda5050: control server connection lost\n";
+  if (exit_code == kLost) std::cerr << "tarn-vda5050: control server connection lost\n";
+  if (exit_code == kUnreadable)
+    std::cerr << "tarn-vda5050: unreadable data from the control server\n";
   return exit_code;
 }
 
@@ -352,7 +330,7 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i)
     if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0)
       return Usage(std::cout), 0;
-  if (!Parse(argc, argv, options)) return Usage(std::cerr), kExitUsage;
+  if (!Parse(argc, argv, options)) return Usage(std::cerr), kUsage;
   // No SA_RESTART: a signal interrupts poll() so the loop stops at once.
   struct sigaction action {};
   action.sa_handler = OnSignal;
@@ -362,8 +340,9 @@ int main(int argc, char** argv) {
   try {
     return Run(options);
   } catch (const std::exception& e) {
-    // Malformed frames can make the library's decoders throw.
+    // Nothing the peers send should get here (the event layer screens the
+    // robot's frames, the bridge core the JSON); say what did.
     std::cerr << "tarn-vda5050: " << e.what() << "\n";
-    return kExitFailure;
+    return kFailure;
   }
 }
