@@ -2,6 +2,7 @@
 """A fleet of VDA 5050 vehicles on one broker, measured by a scripted master.
 
     bench/fleet_master.py SIM BRIDGE [N ...] [--idle S] [--samples K] [--json FILE]
+                          [--threaded]
 
 Usually run through bench/fleet.sh, which builds the two programs first. Needs
 root: everything runs in a private network namespace (so the host's ports are
@@ -27,15 +28,19 @@ fresh broker and fleet each time:
 
 The master is single-threaded (paho's loop driven by hand), so each publish is
 written to the socket when it is made and each arrival is timestamped before
-the next packet is read. CPU and run-queue waiting come from
+the next packet is read; it parses only what it must. With --threaded it is
+written as masters often are instead: paho's network thread, every message
+parsed on arrival, which shows what the master's own design costs. CPU and run-queue waiting come from
 /proc/PID/task/*/schedstat (nanoseconds, every thread), memory from
 /proc/PID/status (VmRSS) and smaps_rollup (Pss, which shares the libraries
 among the processes that map them). The hops of an echo are split with the
 state's own timestamp (the bridge's clock, the same machine's, milliseconds).
+Prints a block per fleet size, then each size's cost per robot against the
+first size's.
 """
 import argparse, json, math, os, pathlib, random, selectors, shutil, signal, socket, subprocess
 import sys, tempfile, threading, time, ctypes
-from datetime import datetime, timezone
+from datetime import datetime
 import paho.mqtt.client as mqtt
 
 ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
