@@ -26,6 +26,11 @@ fresh broker and fleet each time:
   route    a 1 m square order for every robot, published back to back, until
            every robot reports its last node reached and stands.
 
+With --brokers K the robots are spread over K edge brokers, each joined to the
+master's broker by mosquitto's own bridge (opened by the edge, or with
+--joined-from centre by the master's broker); --quickack gives this run's
+loopback routes `quickack 1`, so that no side delays its acknowledgements.
+
 The master is single-threaded (paho's loop driven by hand), so each publish is
 written to the socket when it is made and each arrival is timestamped before
 the next packet is read; it parses only what it must. With --threaded it is
@@ -50,12 +55,21 @@ ap.add_argument("sizes", nargs="*", type=int, default=[1, 10, 100])
 ap.add_argument("--idle", type=float, default=30, help="seconds of the idle phase (default 30)")
 ap.add_argument("--samples", type=int, default=300, help="order->echo samples at least (default 300)")
 ap.add_argument("--json", help="also write the figures to this file")
+ap.add_argument("--brokers", type=int, default=1,
+                help="K > 1: the robots spread over K edge brokers, each joined to the master's "
+                     "broker with mosquitto's own bridge (default 1: one broker)")
+ap.add_argument("--joined-from", choices=("edge", "centre"), default="edge",
+                help="which side opens each broker bridge's connection (default edge)")
+ap.add_argument("--quickack", action="store_true",
+                help="loopback routes with `quickack 1`: no delayed acknowledgements between brokers")
 ap.add_argument("--threaded", action="store_true",
                 help="a master as often written: paho's network thread (loop_start), every "
                      "message parsed as it arrives")
 args = ap.parse_args()
 if any(n < 1 or n > 250 for n in args.sizes):
     sys.exit("fleet: a fleet has 1 to 250 robots")
+if not 1 <= args.brokers <= 10:
+    sys.exit("fleet: 1 to 10 brokers")
 
 MANUFACTURER = "bench"
 libc = ctypes.CDLL(None, use_errno=True)
@@ -84,6 +98,12 @@ if os.environ.get("FLEET_BENCH_NS") != "1":
 
 def on_signal(signum, frame):
     raise SystemExit(128 + signum)
+
+
+if args.quickack:  # in this run's own namespace: nothing outside it changes
+    for dst in ("127.0.0.0/8", "127.0.0.1"):
+        subprocess.check_call(["ip", "route", "change", "local", dst, "dev", "lo", "table", "local",
+                               "proto", "kernel", "scope", "host", "src", "127.0.0.1", "quickack", "1"])
 
 
 signal.signal(signal.SIGTERM, on_signal)
@@ -187,25 +207,51 @@ class Fleet:
     def __init__(self, n, tmp):
         self.n, self.tmp = n, tmp
         self.serials = [f"r{i:03d}" for i in range(1, n + 1)]
-        self.sock = os.path.join(tmp, "broker.sock")
-        self.procs, self.sims, self.bridges = [], {}, {}
+        self.procs, self.sims, self.bridges, self.brokers, self.socks = [], {}, {}, [], []
         self.state = {}  # serial -> last state (parsed), outside the latency phase
         self.online = set()
+        self.links = set()  # edge brokers whose bridge to the master's broker is up
         self.echo = None  # the latency phase's handler, when active
         self.changed = threading.Condition()  # held while a message is handled
         self.drain = None
 
     # -- processes ----------------------------------------------------------
 
-    def start_broker(self):
-        conf = pathlib.Path(self.tmp, "mosquitto.conf")
-        conf.write_text("user root\nallow_anonymous true\nset_tcp_nodelay true\n"
-                        "connection_messages false\nmax_queued_messages 10000\n"
-                        f"listener 1883 127.0.0.1\nlistener 0 {self.sock}\n")
-        self.broker = start(["mosquitto", "-c", str(conf)], stdout=subprocess.PIPE,
-                            stderr=subprocess.STDOUT)
-        self.procs.append(self.broker)
-        wait_ready([self.broker], b" running", 10)
+    def start_brokers(self):
+        """The master's broker; with --brokers K > 1, K edge brokers too, each
+        joined to it by a bridge that carries the vehicles' topics out and the
+        master's in. The bridges reach their broker's Unix socket."""
+        common = ("user root\nallow_anonymous true\nset_tcp_nodelay true\n"
+                  "connection_messages false\nmax_queued_messages 10000\n")
+        prefix = f"uagv/v2/{MANUFACTURER}/+/"
+        edges = args.brokers if args.brokers > 1 else 0
+        from_centre = args.joined_from == "centre"
+
+        def join(k, port):  # the bridge's section, in the configuration of the side opening it
+            towards_edge, from_edge = ("out", "in") if from_centre else ("in", "out")
+            return (f"connection edge{k}\naddress 127.0.0.1:{port}\ncleansession true\n"
+                    "notifications true\n" + "".join(
+                        f"topic {prefix}{t} {d} {q}\n" for t, d, q in (
+                            ("order", towards_edge, 0), ("instantActions", towards_edge, 0),
+                            ("state", from_edge, 0), ("visualization", from_edge, 0),
+                            ("connection", from_edge, 1), ("factsheet", from_edge, 0))))
+        confs = [common + "listener 1883 127.0.0.1\n" +
+                 ("".join(join(k, 1884 + k) for k in range(edges)) if from_centre else "")]
+        for k in range(edges):
+            confs.append(common + (f"listener {1884 + k} 127.0.0.1\n" if from_centre else join(k, 1883)))
+        for k, conf in enumerate(confs):
+            path = pathlib.Path(self.tmp, f"broker{k}.sock")
+            if k > 0 or args.brokers == 1:
+                conf += f"listener 0 {path}\n"
+                self.socks.append(str(path))
+            pathlib.Path(self.tmp, f"mosquitto{k}.conf").write_text(conf)
+            self.brokers.append(start(["mosquitto", "-c", os.path.join(self.tmp, f"mosquitto{k}.conf")],
+                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT))
+            self.procs.append(self.brokers[-1])
+            if k == 0:  # the edges' bridges connect to it at once
+                wait_ready(self.brokers[:1], b" running", 10)
+        # (Bridges opened by the centre retry until their edge listens.)
+        wait_ready(self.brokers[1:], b" running", 10)
 
     def start_robots(self):
         log = open(os.path.join(self.tmp, "bridges.log"), "ab")
@@ -215,15 +261,16 @@ class Fleet:
                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
             self.procs.append(self.sims[s])
         wait_ready(list(self.sims.values()), b"listen at", 30)
-        self.drain = Drain([self.broker.stdout.fileno()] +
+        self.drain = Drain([b.stdout.fileno() for b in self.brokers] +
                            [p.stdout.fileno() for p in self.sims.values()])
         self.drain.start()
         # The bridge gives up on its control server after 10 s, so it starts
         # only once its simulator listens.
-        for s in self.serials:
+        for i, s in enumerate(self.serials):
             self.bridges[s] = start(["nsenter", "-t", str(self.sims[s].pid), "-n", args.bridge,
                                      "--manufacturer", MANUFACTURER, "--serial", s,
-                                     "--unix", self.sock], stdout=log, stderr=log)
+                                     "--unix", self.socks[i % len(self.socks)]],
+                                    stdout=log, stderr=log)
             self.procs.append(self.bridges[s])
         log.close()
 
@@ -253,6 +300,8 @@ class Fleet:
         c.socket().setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         for topic in ("state", "visualization", "connection", "factsheet"):
             c.subscribe(f"uagv/v2/{MANUFACTURER}/+/{topic}", 0)
+        if args.brokers > 1:
+            c.subscribe("$SYS/broker/connection/+/state", 0)
         if args.threaded:
             c.loop_start()
 
@@ -263,6 +312,10 @@ class Fleet:
             self.changed.notify()
 
     def handle(self, t, m):
+        if m.topic.startswith("$SYS/"):
+            if m.payload == b"1":
+                self.links.add(m.topic.split("/")[3])
+            return
         _, _, _, serial, topic = m.topic.split("/")
         if args.threaded:
             json.loads(m.payload)
@@ -323,7 +376,7 @@ class Fleet:
         """CPU use of every process and the time. An opening snapshot reads the
         master's own last and takes the time after reading, a closing one
         reads them first, so that the reading itself stays out of the window."""
-        pids = {"broker": [self.broker.pid], "bridge": [self.bridges[s].pid for s in self.serials],
+        pids = {"broker": [b.pid for b in self.brokers], "bridge": [self.bridges[s].pid for s in self.serials],
                 "sim": [self.sims[s].pid for s in self.serials]}
         if not opening:
             t, mine = time.perf_counter(), usage(os.getpid())
@@ -426,7 +479,7 @@ class Fleet:
 
     def memories(self):
         return {k: [memory(p.pid) for p in v.values()] for k, v in
-                (("bridge", self.bridges), ("sim", self.sims))} | {"broker": [memory(self.broker.pid)]}
+                (("bridge", self.bridges), ("sim", self.sims))} | {"broker": [memory(b.pid) for b in self.brokers]}
 
 
 def mean(v):
@@ -439,8 +492,10 @@ def measure(n):
     load = loadavg()
     t_start = time.perf_counter()
     try:
-        fleet.start_broker()
+        fleet.start_brokers()
         fleet.connect()
+        if args.brokers > 1:
+            fleet.pump(lambda: len(fleet.links) == args.brokers, 10, "every edge broker joined")
         fleet.start_robots()
         fleet.init()
         startup = time.perf_counter() - t_start
@@ -459,9 +514,10 @@ def measure(n):
             fleet.client.loop_stop()
         shutil.rmtree(tmp, ignore_errors=True)
 
-    def per_s(used, kind):  # mean CPU ms per second per process of a kind
+    def per_s(used, kind):  # CPU ms per second: per robot, or of all brokers together
         spent, seconds = used
-        return mean([r for r, _ in spent[kind]]) / seconds * 1000
+        runs = [r for r, _ in spent[kind]]
+        return (sum(runs) if kind == "broker" else mean(runs)) / seconds * 1000
 
     def total(used, kind, i=0):  # seconds summed over the kind's processes
         return sum(x[i] for x in used[0][kind])
@@ -469,7 +525,7 @@ def measure(n):
     orders = n * lat["rounds"]
     lu = lat["used"]
     return dict(
-        n=n, load_start=load, load_end=loadavg(), startup_s=startup,
+        n=n, brokers=args.brokers, load_start=load, load_end=loadavg(), startup_s=startup,
         idle_s=idle[1], route_s=route["used"][1],
         cpu_idle={k: per_s(idle, k) for k in ("bridge", "sim", "broker", "master")},
         cpu_route={k: per_s(route["used"], k) for k in ("bridge", "sim", "broker", "master")},
@@ -496,7 +552,8 @@ def measure(n):
 
 def report(r):
     e, c, ci = r["echo"], r["cpu_route"], r["cpu_idle"]
-    print(f"\n== N = {r['n']}  (load average {r['load_start']:.2f} at start, {r['load_end']:.2f} at end;"
+    print(f"\n== N = {r['n']}" + (f" on {r['brokers']} edge brokers" if r["brokers"] > 1 else "") +
+          f"  (load average {r['load_start']:.2f} at start, {r['load_end']:.2f} at end;"
           f" fleet up in {r['startup_s']:.2f} s)")
     print(f"  idle {r['idle_s']:.0f} s, CPU ms/s per process: bridge {ci['bridge']:.2f} (max "
           f"{r['cpu_max_bridge_idle']:.2f}), sim {ci['sim']:.2f}, broker {ci['broker']:.2f}, "
