@@ -146,6 +146,21 @@ def memory(pid):
     return rss, pss
 
 
+def tcp_counters():
+    """This namespace's TCP retransmission counters: the broker's and the
+    master's connections are the only TCP in it."""
+    wanted = {"RetransSegs", "TCPTimeouts", "TCPLossProbes", "TCPBacklogDrop", "PruneCalled",
+              "TCPRcvQDrop", "TCPZeroWindowDrop", "TCPToZeroWindowAdv"}
+    found = {}
+    for name in ("/proc/net/snmp", "/proc/net/netstat"):
+        lines = pathlib.Path(name).read_text().splitlines()
+        for keys, values in zip(lines[::2], lines[1::2]):
+            for k, v in zip(keys.split()[1:], values.split()[1:]):
+                if k in wanted:
+                    found[k] = int(v)
+    return found
+
+
 def loadavg():
     return float(pathlib.Path("/proc/loadavg").read_text().split()[0])
 
@@ -410,7 +425,7 @@ class Fleet:
         self.echo = echo
         node = lambda x, y: {"nodeId": "here", "sequenceId": 0, "released": True, "actions": [],
                              "nodePosition": {"x": x, "y": y, "mapId": "map"}}
-        bursts, windows = [], []
+        bursts, windows, tcp0 = [], [], tcp_counters()
         try:
             for r in range(rounds):
                 msgs = []
@@ -446,7 +461,8 @@ class Fleet:
             tb = datetime.strptime(stamp, "%Y-%m-%dT%H:%M:%S.%f%z").timestamp() + 0.0005
             to_bridge.append((tb - (t0 + offset)) * 1000)
             from_bridge.append(((t1 + offset) - tb) * 1000)
-        return dict(rounds=rounds, echo=echo_ms, state_bytes=mean([len(r[3]) for r in results]), to_bridge=to_bridge, from_bridge=from_bridge,
+        tcp = {k: v - tcp0.get(k, 0) for k, v in tcp_counters().items()}
+        return dict(rounds=rounds, tcp=tcp, echo=echo_ms, state_bytes=mean([len(r[3]) for r in results]), to_bridge=to_bridge, from_bridge=from_bridge,
                     burst_ms=[b * 1000 for b in bursts], used=used)
 
     def route(self):
@@ -540,7 +556,7 @@ def measure(n):
                   to_bridge_p99=percentile(lat["to_bridge"], 99),
                   from_bridge_p50=percentile(lat["from_bridge"], 50),
                   from_bridge_p99=percentile(lat["from_bridge"], 99),
-                  burst_ms=mean(lat["burst_ms"]), state_bytes=lat["state_bytes"]),
+                  burst_ms=mean(lat["burst_ms"]), state_bytes=lat["state_bytes"], tcp=lat["tcp"]),
         # CPU and run-queue waiting per order while rounds were under way (us),
         # all processes of a kind together (the simulators only keep reporting).
         per_order_us={k: {"cpu": total(lu, k) / orders * 1e6, "wait": total(lu, k, 1) / orders * 1e6}
@@ -568,6 +584,7 @@ def report(r):
           f"{e['to_bridge_p99']:.2f} ms; stamp -> master p50 {e['from_bridge_p50']:.2f} / p99 "
           f"{e['from_bridge_p99']:.2f} ms; publishing a round took {e['burst_ms']:.2f} ms; "
           f"echo states of {e['state_bytes']:.0f} bytes")
+    print("    TCP during the rounds: " + ", ".join(f"{k} {v}" for k, v in sorted(e["tcp"].items())))
     print("    per order, CPU / run-queue wait us: " + ", ".join(
         f"{k} {v['cpu']:.0f} / {v['wait']:.0f}" for k, v in r["per_order_us"].items()) +
         f" (rounds under way {r['latency_phase_s'] * 1000:.0f} ms in all)")
