@@ -4,7 +4,7 @@
 # driven by a scripted master (bench/fleet_master.py); N = 1, 10 and 100
 # unless told otherwise.
 #
-#   sudo bash bench/fleet.sh [N ...] [--idle S] [--samples K] [--json FILE]
+#   sudo bash bench/fleet.sh [N ...] [--idle S] [--samples K] [--json FILE] [--brokers K ...]
 #
 # Installs the Debian packages it lacks, builds tarn-sim and tarn-vda5050
 # (Release, in build/fleet) unless TARN_SIM and TARN_BRIDGE name the programs

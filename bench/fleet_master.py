@@ -2,7 +2,7 @@
 """A fleet of VDA 5050 vehicles on one broker, measured by a scripted master.
 
     bench/fleet_master.py SIM BRIDGE [N ...] [--idle S] [--samples K] [--json FILE]
-                          [--threaded]
+                          [--brokers K [--joined-from edge|centre] [--quickack]] [--threaded]
 
 Usually run through bench/fleet.sh, which builds the two programs first. Needs
 root: everything runs in a private network namespace (so the host's ports are
