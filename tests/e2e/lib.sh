@@ -8,6 +8,10 @@ trap 'for p in "${pids[@]}"; do kill -9 "$p" 2>/dev/null; done; wait 2>/dev/null
 # stdout in <log>, stderr in <log>.err; returns once <ready> is in <log>.
 start() {
   local log=$1 ready=$2 && shift 2
+  # Emptied here, not only by the background job's redirection, which may
+  # come after the first look: a log reused from an earlier start still
+  # holds its ready text.
+  : >"$log"
   "$@" >"$log" 2>"$log.err" & bg=$! && pids+=("$bg")
   for _ in $(seq 200); do
     grep -qF -- "$ready" "$log" && return
