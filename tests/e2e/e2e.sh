@@ -11,7 +11,7 @@ source "$(dirname "$0")/lib.sh"
 start_sim
 start "$work/demo" "way-point 1/4 reached" "$demo"
 { kill -9 "$sim_pid" && wait "$sim_pid"; } 2>/dev/null
-ends 10 4 && has_lines demo.err "tarn-demo: connection to the control server lost"
+ends 10 6 && has_lines demo.err "tarn-demo: connection to the control server lost"
 
 # A fresh simulator on the same port: a full mission, both directions logged.
 start_sim
@@ -33,9 +33,19 @@ in_log "refused a second client" "malformed input: discarded" \
   "client dropped: no message readable from" "client dropped: malformed input ("
 kill -INT "$sim_pid" && wait "$sim_pid" && in_log "] stopped" || fail "no clean stop on SIGINT"
 
-# A length word of -10: the library throws, the demo names it and exits 6.
-start "$work/peer" ready "$python" "$peer" badlen
-run 6 2000 "$demo"
-grep -q "^tarn-demo: unreadable data from the control server (.*)$" "$work/err" || fail "badlen"
+# Broken servers: a length word of -10 is unreadable data; a flood that
+# never acknowledges and a full accept queue end at --timeout (plus 0.5 s).
+for mode in badlen flood backlog; do
+  start "$work/peer" ready "$python" "$peer" $mode
+  case $mode in
+    badlen) run 7 2000 "$demo" &&
+      grep -q "^tarn-demo: unreadable data from the control server (.*)$" "$work/err" || fail "badlen" ;;
+    flood) run 4 2500 "$demo" --timeout 2 &&
+      has_lines err "tarn-demo: no acknowledgement of the initialisation within 2 s" ;;
+    backlog) run 4 2500 "$demo" --timeout 2 &&
+      has_lines err "tarn-demo: could not connect to the control server at 127.0.0.1:6868 within 2 s" ;;
+  esac
+  stop "$bg"
+done
 
 echo "end to end: ok"
