@@ -16,6 +16,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cli.h"
@@ -300,28 +301,20 @@ void RunCommand(const tarn_cli::Invocation& inv, const tarn_cli::Command& c, Ses
       long reports = 0;
       g_watching = inv.count == 0;
       if (inv.count == 0) s.RenewOnEvents();
+      // What a watch prints for each event other than a report.
+      static const std::pair<EventType, const char*> kLines[] = {
+          {EventType::WaypointPassed, "passed a way-point"},
+          {EventType::ActionFinished, "action finished"},
+          {EventType::InitAcknowledged, "robot online"},
+          {EventType::KillAcknowledged, "robot offline"},
+      };
       s.Await("message from the control server", [&](const Event& e) {
-        switch (e.type) {
-          case EventType::Report:
-          case EventType::Refused:
-            std::cout << tarn_cli::FormatStatusLine(e.report) << std::endl;
-            ++reports;
-            break;
-          case EventType::WaypointPassed:
-            std::cout << "passed a way-point" << std::endl;
-            break;
-          case EventType::ActionFinished:
-            std::cout << "action finished" << std::endl;
-            break;
-          case EventType::InitAcknowledged:
-            std::cout << "robot online" << std::endl;
-            break;
-          case EventType::KillAcknowledged:
-            std::cout << "robot offline" << std::endl;
-            break;
-          default:
-            break;
+        if (IsReport(e)) {
+          std::cout << tarn_cli::FormatStatusLine(e.report) << std::endl;
+          ++reports;
         }
+        for (const auto& [type, line] : kLines)
+          if (e.type == type) std::cout << line << std::endl;
         return inv.count > 0 && reports >= inv.count;
       });
       g_watching = 0;
