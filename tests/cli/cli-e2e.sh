@@ -11,6 +11,7 @@ sim=$2 python=$3 work=$4 peer=$(dirname "$0")/../e2e/peer.py
 tarn=(env "LD_PRELOAD=$5" "ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0" "$1")
 rm -rf "$work" && mkdir -p "$work"
 source "$(dirname "$0")/../e2e/lib.sh"
+slow_if_sanitized "$1"
 
 # Checked before any connection is made.
 run 2 1000 "${tarn[@]}" turn 4 && has_lines err "tarn: turn: 4 is out of range (-pi to pi rad)"

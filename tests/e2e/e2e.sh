@@ -9,6 +9,7 @@ sim=$1 python=$3 work=$4 peer=$(dirname "$0")/peer.py
 demo=(env "LD_PRELOAD=$5" "ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0" "$2")
 rm -rf "$work" && mkdir -p "$work"
 source "$(dirname "$0")/lib.sh"
+slow_if_sanitized "$2"
 
 start_sim
 start "$work/demo" "way-point 1/4 reached" "${demo[@]}"
