@@ -1,5 +1,5 @@
-// Python bindings of TarnSDK: the Robot client, the message records, their
-// codec and a frame builder for scripting peers.
+// Python bindings of TarnSDK: the Robot client and its event layer, the
+// message records, their codec and a frame builder for scripting peers.
 //
 // Texts on the wire are raw bytes with no encoding of their own. They surface
 // in Python as str decoded as UTF-8 with "surrogateescape", so that any byte
@@ -10,16 +10,21 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <array>
+#include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <deque>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "msg/frame.h"
 #include "msg/msg.h"
+#include "robot/events.h"
 #include "robot/robot.h"
 
 namespace py = pybind11;
@@ -54,6 +59,78 @@ py::bytes frame_body(const std::string& body) {
   return py::bytes(make_frame(body));
 }
 
+// A Ctrl-C that comes just before a wait begins only sets Python's flag; no
+// wait is longer than this, so it is noticed within this time all the same.
+constexpr std::chrono::milliseconds kSignalCheck(100);
+
+std::chrono::milliseconds to_ms(double seconds) {
+  return std::chrono::milliseconds(static_cast<long long>(std::ceil(std::max(seconds, 0.0) * 1e3)));
+}
+
+void check_signals() {
+  if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+}
+
+// The event layer as Python sees it. A `for event in events.serve(...)` loop
+// that is broken off leaves the rest of its step's events here, for the next
+// serve() or step(): each event is handed over once.
+class PyEvents {
+ public:
+  using Clock = tarn::Events::Clock;
+
+  explicit PyEvents(Robot& robot) : events_(robot) {}
+  tarn::Events& layer() { return events_; }
+
+  // What waits, then one step's events.
+  std::vector<tarn::Event> step() {
+    std::vector<tarn::Event> out(pending_.begin(), pending_.end());
+    pending_.clear();
+    events_.step([&](const tarn::Event& e) { out.push_back(e); });
+    return out;
+  }
+
+  // The next event, stepping the connection as needed and sleeping in poll()
+  // between steps with the GIL released. False once `deadline` has passed,
+  // or nothing more can happen (the connection lost or unreadable, with
+  // nothing to send).
+  bool next(Clock::time_point deadline, tarn::Event& out) {
+    for (bool stepped = false; pending_.empty(); stepped = true) {
+      const auto now = Clock::now();
+      if (now >= deadline) return false;
+      if (stepped) {
+        if (events_.poll_entry().fd < 0 && !events_.backlog()) return false;
+        {
+          py::gil_scoped_release unlocked;
+          events_.wait(
+              std::min(std::chrono::ceil<std::chrono::milliseconds>(deadline - now), kSignalCheck));
+        }
+        check_signals();
+      }
+      events_.step([this](const tarn::Event& e) { pending_.push_back(e); });
+    }
+    if (Clock::now() >= deadline) return false;
+    out = std::move(pending_.front());
+    pending_.pop_front();
+    return true;
+  }
+
+ private:
+  tarn::Events events_;
+  std::deque<tarn::Event> pending_;
+};
+
+// The iterator events.serve(timeout=S) returns.
+struct EventStream {
+  PyEvents& events;
+  PyEvents::Clock::time_point deadline;
+
+  tarn::Event next() {
+    tarn::Event e;
+    if (!events.next(deadline, e)) throw py::stop_iteration();
+    return e;
+  }
+};
+
 std::string repr_waypoint(const QrInfo_RTS& p) {
   std::ostringstream s;
   s << "QrInfo_RTS(" << py::repr(to_py_text(p.qr_code)).cast<std::string>() << ", x=" << p.x
@@ -67,10 +144,12 @@ std::string repr_waypoint(const QrInfo_RTS& p) {
 PYBIND11_MODULE(tarnsdk, m) {
   m.doc() =
       "Client library for commanding a mobile robot through its control server (TCP port 6868).\n\n"
-      "Create one Robot, then call Robot.Handle() from your own loop; commands only queue\n"
-      "messages, Handle() moves the bytes. Every Robot of a process shares one connection,\n"
-      "one mailbox and one list of running actions, and destroying any Robot tears them\n"
-      "down: keep exactly one Robot alive at a time.";
+      "Create one Robot (tarnsdk.connect(timeout=S) bounds the connecting) and one\n"
+      "Events(robot), then iterate over events.serve(timeout=S): each message the robot\n"
+      "sends, once, as an Event. Commands only queue messages; the event layer moves the\n"
+      "bytes. Every Robot of a process shares one connection, one mailbox and one list of\n"
+      "running actions, and destroying any Robot tears them down: keep exactly one Robot\n"
+      "alive at a time.";
 
   py::enum_<RTS_key>(m, "RTS_key", py::arithmetic(), "What a message asks or reports.")
       .value("KEY_NONE", KEY_NONE)
@@ -200,18 +279,9 @@ PYBIND11_MODULE(tarnsdk, m) {
       .def("Handle", &Robot::Handle, "One service step: receive, apply, send. Never waits.")
       .def("SetPosition", py::overload_cast<float, float, float>(&Robot::SetPosition), py::arg("x"),
            py::arg("y"), py::arg("z"), "Go to one position (x, y in millimetres).")
-      .def(
-          "SetPosition",
-          [](Robot& r, const std::vector<std::array<float, 3>>& points) {
-            // The library reads three floats behind each pointer during the
-            // call and keeps none of them.
-            std::vector<std::array<float, 3>> storage(points);
-            std::deque<float*> ptrs;
-            for (auto& p : storage) ptrs.push_back(p.data());
-            return r.SetPosition(ptrs);
-          },
-          py::arg("points"),
-          "Go along way-points given as (x, y, z) tuples, x and y in millimetres.")
+      .def("SetPosition", &tarn::set_path, py::arg("points"),
+           "Go along way-points given as (x, y, z) tuples, x and y in millimetres; the same\n"
+           "as tarnsdk.set_path(robot, points).")
       .def("SetVelocity", &Robot::SetVelocity, py::arg("v"), "300 to 1300 mm/s.")
       .def("SetAcceleration", &Robot::SetAcceleration, py::arg("a"), "100 to 1000 mm/s^2.")
       .def("SetOrientation", &Robot::SetOrientation, py::arg("r"), "-pi to pi radians.")
@@ -233,4 +303,130 @@ PYBIND11_MODULE(tarnsdk, m) {
       .def_readonly("connected", &Robot::connected)
       .def_readonly("online", &Robot::online)
       .def_readonly("state", &Robot::state);
+
+  py::class_<tarn::TaskState>(m, "TaskState", "One row of the task-state table.")
+      .def_readonly("code", &tarn::TaskState::code)
+      .def_readonly("name", &tarn::TaskState::name)
+      .def_readonly("ident", &tarn::TaskState::ident)
+      .def_readonly("cause", &tarn::TaskState::cause)
+      .def("__repr__", [](const tarn::TaskState& s) {
+        return "TaskState(" + std::to_string(s.code) + ", '" + s.name + "')";
+      });
+  m.attr("task_states") = py::cast(
+      std::vector<tarn::TaskState>(std::begin(tarn::task_states), std::end(tarn::task_states)));
+  m.attr("STATE_FREE") = tarn::state_free;
+  m.attr("STATE_WORKING") = tarn::state_working;
+  m.def("describe_state", &tarn::describe_state, py::arg("code"),
+        "The task state in words: 'free', 'working', 'error 3 (busy)', 'error 9'.");
+  m.def("is_error", &tarn::is_error, py::arg("code"), "True for anything but free and working.");
+  m.def("set_path", &tarn::set_path, py::arg("robot"), py::arg("points"),
+        "Robot.SetPosition along (x, y, z) points, x and y in millimetres. False when the\n"
+        "robot is not online and free, or the path is longer than max_path_points().");
+  m.def("max_path_points", &tarn::max_path_points,
+        "The longest path one message can carry to a receiver.");
+  m.def(
+      "connect",
+      [](double timeout) {
+        std::unique_ptr<Robot> robot;
+        {
+          py::gil_scoped_release unlocked;
+          robot = tarn::connect(to_ms(timeout));
+        }
+        check_signals();
+        return robot;
+      },
+      py::arg("timeout"),
+      "A Robot whose connecting gives up after `timeout` seconds (a server whose accept\n"
+      "queue is full would otherwise keep it for minutes); check .connected. SIGALRM is\n"
+      "taken over while it connects.");
+
+  py::class_<tarn::Report>(m, "Report", "A status report as the library applied it.")
+      .def_readonly("voltage", &tarn::Report::voltage, "Volts.")
+      .def_readonly("x", &tarn::Report::x, "Metres.")
+      .def_readonly("y", &tarn::Report::y, "Metres.")
+      .def_readonly("state", &tarn::Report::state, "The task state (see describe_state).")
+      .def_readonly("orientation", &tarn::Report::orientation, "Radians.")
+      .def_readonly("velocity", &tarn::Report::velocity, "mm/s.")
+      .def_readonly("acceleration", &tarn::Report::acceleration, "mm/s^2.")
+      .def_property_readonly(
+          "name", [](const tarn::Report& r) { return to_py_text(r.name); }, "The robot's node id.")
+      .def_readonly("complete", &tarn::Report::complete,
+                    "All seven numbers parsed; if not, the later ones kept their values.")
+      .def_readonly("online", &tarn::Report::online,
+                    "True or False as the report says; None when it does not say.");
+
+  py::enum_<tarn::EventType>(m, "EventType", "What a message meant, or what happened.")
+      .value("InitAcknowledged", tarn::EventType::InitAcknowledged)
+      .value("KillAcknowledged", tarn::EventType::KillAcknowledged)
+      .value("Report", tarn::EventType::Report)
+      .value("Refused", tarn::EventType::Refused)
+      .value("WaypointPassed", tarn::EventType::WaypointPassed)
+      .value("ActionFinished", tarn::EventType::ActionFinished)
+      .value("ConnectionLost", tarn::EventType::ConnectionLost)
+      .value("Unreadable", tarn::EventType::Unreadable)
+      .value("Other", tarn::EventType::Other);
+
+  py::class_<tarn::Event>(m, "Event", "One message as the application sees it, once applied.")
+      .def_readonly("type", &tarn::Event::type)
+      .def_readonly("message", &tarn::Event::message, "The message as it arrived.")
+      .def_readonly("report", &tarn::Event::report, "Report and Refused: the report applied.")
+      .def_readonly("code", &tarn::Event::code, "Refused: the error code.")
+      .def_readonly("passed", &tarn::Event::passed,
+                    "WaypointPassed, ActionFinished: way-points of that action passed (k).")
+      .def_readonly("total", &tarn::Event::total,
+                    "WaypointPassed, ActionFinished: way-points it was sent with (n); 0 when\n"
+                    "no action was running.")
+      .def_readonly("reason", &tarn::Event::reason, "Unreadable: what is wrong.")
+      .def("__repr__", [](const tarn::Event& e) {
+        std::string text = std::string("Event(") + tarn::event_name(e.type);
+        if (e.type == tarn::EventType::Report || e.type == tarn::EventType::Refused)
+          text += ", " + tarn::describe_state(e.report.state);
+        if (e.total > 0) text += ", " + std::to_string(e.passed) + "/" + std::to_string(e.total);
+        return text + ")";
+      });
+
+  py::class_<EventStream>(m, "EventStream", "The iterator events.serve() returns.")
+      .def("__iter__", [](EventStream& s) -> EventStream& { return s; })
+      .def("__next__", &EventStream::next);
+
+  py::class_<PyEvents>(
+      m, "Events",
+      "Serves the robot's connection in place of Robot.Handle() and hands over each message\n"
+      "the robot sends, once, in arrival order, as an Event. Use one per Robot.")
+      .def(py::init<Robot&>(), py::arg("robot"), py::keep_alive<1, 2>())
+      .def("step", &PyEvents::step,
+           "One bounded service step, without waiting: the events it applied (after any a\n"
+           "broken-off serve() left), as a list.")
+      .def(
+          "serve",
+          [](PyEvents& events, double timeout) {
+            return EventStream{events, PyEvents::Clock::now() + to_ms(timeout)};
+          },
+          py::arg("timeout"), py::keep_alive<0, 1>(),
+          "Yields each event once as it arrives, sleeping in poll() (GIL released) between\n"
+          "steps, for at most `timeout` seconds; stops earlier once nothing more can happen\n"
+          "(see lost, unreadable). Ctrl-C raises KeyboardInterrupt. So:\n"
+          "    for e in events.serve(timeout=5):\n"
+          "        if e.type == EventType.InitAcknowledged: break\n"
+          "    else:\n"
+          "        ...  # no answer in time, or the connection is over")
+      .def(
+          "hang_up",
+          [](PyEvents& events, double timeout) {
+            py::gil_scoped_release unlocked;
+            return events.layer().hang_up(PyEvents::Clock::now() + to_ms(timeout),
+                                          [](const tarn::Event&) {});
+          },
+          py::arg("timeout"),
+          "Ends the session without losing its last commands: writes them, half-closes, and\n"
+          "waits for the server to close too (True) for at most `timeout` seconds.")
+      .def_property_readonly(
+          "backlog", [](PyEvents& e) { return e.layer().backlog(); },
+          "The last step left received frames for the next one.")
+      .def_property_readonly(
+          "lost", [](PyEvents& e) { return e.layer().lost(); }, "The server closed the connection.")
+      .def_property_readonly(
+          "unreadable", [](PyEvents& e) { return e.layer().unreadable(); },
+          "The stream held data that cannot be read; reading stopped.")
+      .def_static("unsent", &tarn::Events::unsent, "A queued command is not written yet.");
 }

@@ -418,10 +418,14 @@ class Events {
 
   // Looks at the frame in front of the buffer before the library decodes
   // it. Returns an empty text, or why the stream cannot be read: a frame of
-  // another type, which recv_msg would leave in front for good, or a
-  // message announcing more actions than its frame can hold (each body takes
-  // at least 32 bytes), which would make the lenient decoder build every one
-  // of them from nothing.
+  // another type, which recv_msg would leave in front for good, or a message
+  // whose counts or lengths ask for more than its frame holds. The lenient
+  // decoder builds every announced action and way-point from nothing and
+  // allocates every action text as asked, and it reads on past the frame's
+  // end into whatever follows; so the whole body is walked here, as the
+  // decoder will read it, and every count and length must fit in what is
+  // left of the frame. Bodies an encoder wrote always do. Negative lengths
+  // are left to the library, which throws before it allocates.
   std::string screen() {
     std::string& b = m_socket.m_buffer;
     const std::size_t at = b.find(header);
@@ -438,20 +442,53 @@ class Events {
     if (end >= b.size() || b[end] != ender) return std::string();
     const std::int32_t type = word(b, at + 1);
     if (type != frame_type) return "a frame of type " + std::to_string(type);
-    // Behind the head word: sender and receiver, the key, three texts.
-    std::size_t pos = at + frame_header_size + 4;
+    // The body as the decoder reads it: the head word, sender, receiver,
+    // key, three texts, int_param, '%', the action count and the actions.
+    std::size_t pos = at + frame_header_size;
+    std::int32_t v = 0;
+    auto next = [&] {  // the word at pos into v; false when it lies past the frame
+      if (end - pos < 4) return false;
+      v = word(b, pos);
+      pos += 4;
+      return true;
+    };
+    auto skip =
+        [&](std::size_t size) {  // past v records of `size`; false when not all in the frame
+          if (v <= 0) return true;
+          if (static_cast<std::size_t>(v) > (end - pos) / size) return false;
+          pos += static_cast<std::size_t>(v) * size;
+          return true;
+        };
+    auto announcing = [&](const char* what, const char* unit) {
+      return "a message announcing " + std::string(what) + std::to_string(v) + unit + " in " +
+             std::to_string(end - pos) + " bytes";
+    };
+    const std::string past = "a message that runs past its frame";
+    if (!next()) return past;
     for (int field = 0; field < 6; ++field) {
-      if (pos + 4 > end) return std::string();
-      const std::int32_t size = field == 2 ? 0 : word(b, pos);
-      if (size < 0 || static_cast<std::size_t>(size) > end - pos - 4) return std::string();
-      pos += 4 + static_cast<std::size_t>(size);
+      if (!next()) return past;
+      if (field == 2) continue;  // the key
+      if (v < 0) return std::string();
+      if (!skip(1)) return past;
     }
-    pos += 4 + 1;  // int_param and the opening '%'
-    if (pos + 4 > end) return std::string();
-    const std::int32_t count = word(b, pos);
-    if (count > 0 && static_cast<std::size_t>(count) > (end - pos - 4) / 32) {
-      return "a message announcing " + std::to_string(count) + " actions in " +
-             std::to_string(end - pos - 4) + " bytes";
+    if (!next() || pos == end) return past;  // int_param, then the opening '%'
+    if (b[pos++] != '%') return std::string();
+    if (!next()) return past;
+    // Each action takes at least 32 bytes: an action count is checked
+    // before the actions are walked, so the walk stays within the frame.
+    if (v > 0 && static_cast<std::size_t>(v) > (end - pos) / 32) return announcing("", " actions");
+    for (std::int32_t actions = v, i = 0; i < actions; ++i) {
+      if (!next() || !next()) return past;  // type, way-point count
+      if (!skip(24)) return announcing("", " way-points");
+      if (!next()) return past;
+      if (!skip(40)) return announcing("", " arc way-points");
+      for (int text = 0; text < 2; ++text) {  // the target's label, then x, y, space; param
+        if (!next()) return past;
+        if (v < 0) return std::string();
+        if (!skip(1)) return announcing("a text of ", " bytes");
+        if (text == 0 && end - pos < 12) return past;
+        if (text == 0) pos += 12;
+      }
     }
     return std::string();
   }

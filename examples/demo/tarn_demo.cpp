@@ -1,54 +1,49 @@
-// tarn-demo: drives the robot through a short mission with the Robot API.
+// tarn-demo: drives the robot through a short mission on the event layer.
 //
 // Connects to the control server, initialises the robot at the origin, sets
 // its speed and acceleration limits, sends a patrol along four way-points,
 // then a single goal and a heading, and finally kills the robot. The robot's
-// status text is shown as its reports arrive, every way-point passed is
-// announced, and a summary closes the run. With --plot FILE.svg the driven
-// trajectory is drawn with the way-points and the goal.
-//
-// Exit status: 0 mission completed; 1 bad arguments or the plot could not be
-// written; 2 the control server cannot be reached; 3 the robot does not answer
-// in time; 4 the connection is lost; 5 the robot refuses a command or reports
-// an error; 6 unreadable data from the control server (the library passes a
-// malformed frame on as an exception).
+// status text is shown as its reports arrive, every way-point is announced
+// as the robot reports passing it, and a summary closes the run. With --plot
+// FILE.svg the driven trajectory is drawn with the way-points and the goal.
+// --timeout S bounds the whole run, connecting included. The exit statuses
+// are the table shared with tarn and tarn-vda5050 (--help prints it).
 
-#include <poll.h>
-
-#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <deque>
+#include <cstdlib>
 #include <exception>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "exit_status.h"
 #include "plot.h"
-#include "robot/robot.h"
+#include "robot/events.h"
 #include "tarn_config.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = tarn::Events::Clock;
+using tarn::Event;
+using tarn::EventType;
+namespace exit_status = tarn_tools;
 
 const std::string kServer =
     std::string(TARN_SERVER_ADDRESS) + ":" + std::to_string(TARN_SERVER_PORT);
 // The status text is shown at most this often while it keeps changing.
 constexpr double kStatusInterval = 0.5;
-
-enum ExitCode {
-  kOk = 0,
-  kUsage = 1,
-  kUnreachable = 2,
-  kNoAnswer = 3,
-  kLost = 4,
-  kRefused = 5,
-  kBadData = 6
-};
+// The mission takes about 12 s against tarn-sim (3.3 m at up to 1000 mm/s,
+// two turns in place, the acknowledgements). 60 s leaves a real robot, a
+// loaded machine or a run under valgrind five times that, and still ends a
+// run against a server that never answers within a minute.
+constexpr double kDefaultTimeout = 60;
+// After the kill, the server gets this long to close its side.
+constexpr std::chrono::milliseconds kLinger(300);
 
 // Ends the mission with an exit status and the reason.
 struct Abort {
@@ -62,58 +57,53 @@ std::string Fixed(double v, int decimals) {
   return text;
 }
 
-// Whether a command is still queued: only then is the socket's writability
-// worth waking for.
-bool OutboxPending() {
-  auto it = m_msg.outbox.find("T-0");
-  if (it == m_msg.outbox.end()) return false;
-  for (const Message_RTS& m : it->second) {
-    if (m.key != KEY_NONE) return true;
-  }
-  return false;
+std::string Seconds(double s) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%g", s);
+  return text;
 }
 
 class Mission {
  public:
-  explicit Mission(Robot& robot) : robot_(robot), start_(Clock::now()), last_status_time_(start_) {}
+  Mission(Robot& robot, Clock::time_point deadline, double timeout_s)
+      : robot_(robot),
+        events_(robot),
+        deadline_(deadline),
+        timeout_s_(timeout_s),
+        start_(Clock::now()),
+        last_status_time_(start_) {}
 
-  // Sleeps in poll() until the connection has something for us, can take a
-  // queued command, or `deadline` comes; then one service step and whatever
-  // it taught us: lost connection, robot errors, way-points passed, a changed
-  // status text.
-  void Pump(Clock::time_point deadline) {
-    if (robot_.connected) {
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-      pollfd p{m_socket.m_sock, static_cast<short>(POLLIN | (OutboxPending() ? POLLOUT : 0)), 0};
-      ::poll(&p, 1, static_cast<int>(std::clamp<long long>(left + 1, 0, 1000)));
-    }
-    robot_.Handle();
-    if (!robot_.connected) throw Abort{kLost, "connection to the control server lost"};
-    Track();
-    if (robot_.state != -1 && robot_.state != 0) {
-      ShowStatus(true);
-      throw Abort{kRefused, "robot reported error " + std::to_string(robot_.state)};
-    }
-    ShowProgress();
-    ShowStatus(false);
-  }
-
-  // Pumps until `done` holds; gives up with `timeout_message` after `seconds`.
+  // Serves the connection until `done` accepts an event; every event is
+  // also shown, drawn and counted on the way. Ends the mission when the
+  // robot refuses, the connection is lost or unreadable, or the run's
+  // deadline passes first.
   template <class Done>
-  void WaitFor(Done done, double seconds, const std::string& timeout_message) {
-    const Clock::time_point deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                                          std::chrono::duration<double>(seconds));
-    while (!done()) {
-      if (Clock::now() >= deadline) throw Abort{kNoAnswer, timeout_message};
-      Pump(deadline);
+  void WaitFor(const std::string& what, Done done) {
+    bool met = false;
+    events_.serve_until(
+        deadline_,
+        [&](const Event& e) {
+          Note(e);
+          met = met || done(e);
+        },
+        [&] { return met || refusal_ != 0; });
+    if (refusal_ != 0) {
+      ShowStatus(true);
+      throw Abort{exit_status::kRefused, "robot reported " + tarn::describe_state(refusal_) +
+                                             " while waiting for the " + what};
     }
+    if (met) return;
+    if (events_.lost()) throw Abort{exit_status::kLost, "connection to the control server lost"};
+    if (events_.unreadable()) {
+      throw Abort{exit_status::kUnreadable,
+                  "unreadable data from the control server (" + unreadable_ + ")"};
+    }
+    throw Abort{exit_status::kNoAnswer, "no " + what + " within " + Seconds(timeout_s_) + " s"};
   }
 
-  // Sends the robot along `points` (millimetres) and waits until it has
-  // passed them all and is free again.
-  void Travel(const std::string& what, const std::vector<std::vector<float>>& points,
-              double seconds) {
+  // Sends the robot along `points` (millimetres) and waits until it reports
+  // the action finished and then a free state.
+  void Travel(const std::string& what, const std::vector<std::array<float, 3>>& points) {
     std::cout << "\nsending the " << what << ':';
     for (const auto& p : points) std::cout << " (" << p[0] << ", " << p[1] << ")";
     std::cout << " mm" << std::endl;
@@ -122,46 +112,54 @@ class Mission {
       accepted = robot_.SetPosition(points[0][0], points[0][1], points[0][2]);
       plot_.targets.push_back({points[0][0] / 1000.0, points[0][1] / 1000.0});
     } else {
-      std::vector<std::vector<float>> storage = points;
-      std::deque<float*> list;
-      for (auto& p : storage) list.push_back(p.data());
-      accepted = robot_.SetPosition(list);
+      accepted = tarn::set_path(robot_, points);
       for (const auto& p : points) plot_.waypoints.push_back({p[0] / 1000.0, p[1] / 1000.0});
     }
     // Accepted means queued, not arrived: arrival is the robot's report that
-    // the action is finished (the library then drops it from `acts`) and a
-    // free state after it; an error state is the robot's refusal.
-    if (!accepted) throw Abort{kRefused, "robot is not ready for the " + what};
+    // the action is finished and a free state after it. A refused action is
+    // closed as finished too, with an error state.
+    if (!accepted) throw Abort{exit_status::kRefused, "robot is not ready for the " + what};
     route_ = points;
     passed_ = 0;
-    WaitFor([&] { return acts.empty() && robot_.state == -1; }, seconds,
-            "robot did not finish the " + what + " within " + std::to_string(int(seconds)) + " s");
-    ShowProgress();
+    bool finished = false;
+    WaitFor("report of the " + what + " finished", [&](const Event& e) {
+      if (e.type == EventType::ActionFinished && e.total > 0) finished = true;
+      return finished && e.type == EventType::Report && e.report.state == tarn::state_free;
+    });
     route_.clear();
     ShowStatus(true);
   }
 
-  void Turn(float radians, double seconds) {
+  void Turn(float radians) {
     std::cout << "\nturning to " << radians << " rad" << std::endl;
-    if (!robot_.SetOrientation(radians)) throw Abort{kRefused, "robot is not ready to turn"};
-    WaitFor([&] { return robot_.state == -1 && std::fabs(robot_.orientation - radians) < 0.01f; },
-            seconds, "robot did not turn within " + std::to_string(int(seconds)) + " s");
+    if (!robot_.SetOrientation(radians))
+      throw Abort{exit_status::kRefused, "robot is not ready to turn"};
+    WaitFor("report of the new heading", [&](const Event& e) {
+      return e.type == EventType::Report && e.report.state == tarn::state_free &&
+             std::fabs(e.report.orientation - radians) < 0.01f;
+    });
     ShowStatus(true);
   }
 
   void ShowStatus(bool force) {
+    const auto now = Clock::now();
+    if (!force && std::chrono::duration<double>(now - last_status_time_).count() < kStatusInterval)
+      return;
     const std::string text = robot_.DebugString();
-    const double since = std::chrono::duration<double>(Clock::now() - last_status_time_).count();
     if (text == last_status_ && !force) return;
-    if (!force && since < kStatusInterval) return;
     last_status_ = text;
-    last_status_time_ = Clock::now();
+    last_status_time_ = now;
     std::string indented = "  | ";
     for (std::size_t i = 0; i + 1 < text.size(); ++i) {
       indented += text[i];
       if (text[i] == '\n') indented += "  | ";
     }
     std::cout << indented << std::endl;
+  }
+
+  // Ends the connection without losing the kill (see Events::hang_up).
+  void HangUp() {
+    events_.hang_up(std::min(deadline_, Clock::now() + kLinger), [](const Event&) {});
   }
 
   void Summary(const char* plot_file) const {
@@ -180,43 +178,63 @@ class Mission {
   const tarn_demo::Plot& plot() const { return plot_; }
 
  private:
+  // What every event teaches, whichever wait it arrives in: positions for
+  // the trajectory, way-points passed, refusals, and the status display.
+  void Note(const Event& e) {
+    switch (e.type) {
+      case EventType::Report:
+      case EventType::Refused:
+        if (tarn::is_error(e.report.state)) refusal_ = e.report.state;
+        Track(e.report);
+        ShowStatus(false);
+        break;
+      case EventType::WaypointPassed:
+      case EventType::ActionFinished:
+        Announce(e.passed);
+        break;
+      case EventType::Unreadable:
+        unreadable_ = e.reason;
+        break;
+      default:
+        break;
+    }
+  }
+
   // Positions as reported: the trajectory and the distance driven.
-  void Track() {
-    if (robot_.name == "N") return;  // no report yet
-    const tarn_demo::Point here{robot_.x, robot_.y};
+  void Track(const tarn::Report& r) {
+    const tarn_demo::Point here{r.x, r.y};
     std::vector<tarn_demo::Point>& path = plot_.trajectory;
     if (!path.empty() && path.back().x == here.x && path.back().y == here.y) return;
     if (!path.empty()) distance_ += std::hypot(here.x - path.back().x, here.y - path.back().y);
     path.push_back(here);
   }
 
-  // Way-points of the running action that the robot has reported passing:
-  // the library trims them from the front of its running action.
-  void ShowProgress() {
-    if (route_.empty()) return;
-    const std::size_t remaining = acts.empty() ? 0 : acts.front().second.path.size();
-    const std::size_t done = route_.size() - std::min(remaining, route_.size());
-    while (passed_ < done) {
+  // Announces the way-points of the running route up to the `passed`-th.
+  void Announce(std::size_t passed) {
+    for (; passed_ < std::min(passed, route_.size()); ++passed_, ++total_passed_) {
       const auto& p = route_[passed_];
-      ++passed_;
-      ++total_passed_;
-      std::cout << "way-point " << passed_ << '/' << route_.size() << " reached (" << p[0] << ", "
-                << p[1] << ") mm" << std::endl;
+      std::cout << "way-point " << passed_ + 1 << '/' << route_.size() << " reached (" << p[0]
+                << ", " << p[1] << ") mm" << std::endl;
     }
   }
 
   Robot& robot_;
+  tarn::Events events_;
+  Clock::time_point deadline_;
+  double timeout_s_;
   Clock::time_point start_;
   std::string last_status_;
   Clock::time_point last_status_time_;
-  std::vector<std::vector<float>> route_;
+  std::vector<std::array<float, 3>> route_;
   std::size_t passed_ = 0;
   std::size_t total_passed_ = 0;
   double distance_ = 0;
+  std::int32_t refusal_ = 0;
+  std::string unreadable_;
   tarn_demo::Plot plot_;
 };
 
-int RunMission(const char* plot_file) {
+int RunMission(const char* plot_file, double timeout_s) {
   std::cout << "tarn-demo: a short mission through the control server at " << kServer << "\n"
             << "  1. bring the robot online at (0, 0) mm\n"
             << "  2. limit it to 1000 mm/s and 800 mm/s^2\n"
@@ -225,78 +243,100 @@ int RunMission(const char* plot_file) {
             << "  5. turn to 1.5708 rad\n"
             << "  6. take the robot offline\n"
             << std::endl;
-  Robot robot;
-  if (!robot.connected) throw Abort{kUnreachable, "cannot reach the control server at " + kServer};
+  const Clock::time_point deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                        std::chrono::duration<double>(timeout_s));
+  std::unique_ptr<Robot> robot =
+      tarn::connect(std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()));
+  if (!robot->connected) {
+    if (Clock::now() >= deadline) {
+      throw Abort{exit_status::kNoAnswer, "could not connect to the control server at " + kServer +
+                                              " within " + Seconds(timeout_s) + " s"};
+    }
+    throw Abort{exit_status::kUnreachable, "cannot reach the control server at " + kServer};
+  }
   std::cout << "connected" << std::endl;
-  Mission mission(robot);
+  Mission mission(*robot, deadline, timeout_s);
 
-  robot.Init(0, 0, 0);
-  mission.WaitFor([&] { return robot.online; }, 5, "robot did not come online within 5 s");
+  robot->Init(0, 0, 0);
+  mission.WaitFor("acknowledgement of the initialisation",
+                  [](const Event& e) { return e.type == EventType::InitAcknowledged; });
   std::cout << "robot online" << std::endl;
-  robot.GetDetial();
-  mission.WaitFor([&] { return robot.name != "N"; }, 5, "robot sent no status report within 5 s");
+  robot->GetDetial();
+  mission.WaitFor("status report", [](const Event& e) { return e.type == EventType::Report; });
   mission.ShowStatus(true);
 
   // The protocol has no answer to the limits: queued is all we can know.
-  if (!robot.SetVelocity(1000) || !robot.SetAcceleration(800)) {
-    throw Abort{kRefused, "could not set the speed and acceleration limits"};
+  if (!robot->SetVelocity(1000) || !robot->SetAcceleration(800)) {
+    throw Abort{exit_status::kRefused, "could not set the speed and acceleration limits"};
   }
   std::cout << "limits set: 1000 mm/s, 800 mm/s^2" << std::endl;
 
-  mission.Travel("patrol", {{800, 0, 0}, {800, 600, 0}, {0, 600, 0}, {0, 0, 0}}, 30);
-  mission.Travel("goal", {{400, 300, 0}}, 15);
-  mission.Turn(1.5708f, 10);
+  mission.Travel("patrol", {{{800, 0, 0}}, {{800, 600, 0}}, {{0, 600, 0}}, {{0, 0, 0}}});
+  mission.Travel("goal", {{{400, 300, 0}}});
+  mission.Turn(1.5708f);
 
-  // Kill clears the online flag locally at once. Once the kill has gone out,
-  // a short while lets its acknowledgement and the last report come back.
-  robot.Kill();
-  mission.WaitFor([] { return !OutboxPending(); }, 5, "the kill could not be sent within 5 s");
-  const Clock::time_point settle = Clock::now() + std::chrono::milliseconds(300);
-  while (Clock::now() < settle) mission.Pump(settle);
+  // The server reports the robot offline, then acknowledges the kill.
+  robot->Kill();
+  mission.WaitFor("acknowledgement of the kill",
+                  [](const Event& e) { return e.type == EventType::KillAcknowledged; });
   mission.ShowStatus(true);
   std::cout << "robot offline" << std::endl;
+  mission.HangUp();
 
   if (plot_file != nullptr) {
     std::ofstream out(plot_file);
     out << tarn_demo::RenderSvg(mission.plot());
-    if (!out.flush()) throw Abort{kUsage, std::string("cannot write ") + plot_file};
+    if (!out.flush()) throw Abort{exit_status::kFailure, std::string("cannot write ") + plot_file};
   }
   mission.Summary(plot_file);
   std::cout << "tarn-demo: mission complete" << std::endl;
-  return kOk;
+  return exit_status::kOk;
+}
+
+void Usage(std::ostream& out) {
+  out << "usage: tarn-demo [--plot FILE.svg] [--timeout S]\n"
+      << "Runs a short mission against the control server at " << kServer << ".\n"
+      << "  --plot FILE.svg  draw the driven trajectory, the way-points and the goal\n"
+      << "  --timeout S      end the whole run, connecting included, after S seconds\n"
+      << "                   (default " << Seconds(kDefaultTimeout)
+      << "; the mission takes about 12 s against tarn-sim)\n"
+      << "\n"
+      << exit_status::kExitStatusHelp << std::flush;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const char* plot_file = nullptr;
+  double timeout_s = kDefaultTimeout;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--plot" && i + 1 < argc) {
       plot_file = argv[++i];
-    } else {
-      const bool help = arg == "--help" || arg == "-h";
-      (help ? std::cout : std::cerr)
-          << "usage: tarn-demo [--plot FILE.svg]\n"
-          << "Runs a short mission against the control server at " << kServer << ".\n"
-          << "Exit status: 0 done, 1 bad arguments or plot not written, 2 server\n"
-          << "unreachable, 3 no answer in time, 4 connection lost, 5 robot refused,\n"
-          << "6 unreadable data from the server." << std::endl;
-      return help ? kOk : kUsage;
+      continue;
     }
+    if (arg == "--timeout" && i + 1 < argc) {
+      char* end = nullptr;
+      timeout_s = std::strtod(argv[++i], &end);
+      if (*end == '\0' && timeout_s > 0 && timeout_s <= 86400) continue;
+      std::cerr << "tarn-demo: --timeout needs a number of seconds, greater than 0 and at most "
+                   "86400"
+                << std::endl;
+      return exit_status::kUsage;
+    }
+    const bool help = arg == "--help" || arg == "-h";
+    Usage(help ? std::cout : std::cerr);
+    return help ? exit_status::kOk : exit_status::kUsage;
   }
   try {
-    return RunMission(plot_file);
+    return RunMission(plot_file, timeout_s);
   } catch (const Abort& abort) {
     std::cout << std::flush;
     std::cerr << "tarn-demo: " << abort.message << std::endl;
     return abort.code;
   } catch (const std::exception& e) {
-    // Malformed frames reach us as the standard library's exceptions (out of
-    // range, length error, allocation failure): the library passes them on.
     std::cout << std::flush;
-    std::cerr << "tarn-demo: unreadable data from the control server (" << e.what() << ")"
-              << std::endl;
-    return kBadData;
+    std::cerr << "tarn-demo: " << e.what() << std::endl;
+    return exit_status::kFailure;
   }
 }

@@ -1,70 +1,62 @@
 // A minimal application: bring the robot online, send it to one position,
-// tell whether it got there, and take it offline. Copy this to start your own.
-#include <poll.h>
-#include <sys/socket.h>
-
+// tell whether it arrived, was refused or failed, and take it offline. Copy
+// this to start your own.
 #include <chrono>
 #include <iostream>
+#include <optional>
 
-#include "robot/robot.h"
+#include "robot/events.h"
 
-// True while a command waits in the outbox; Handle() sends it when it can.
-bool Unsent() {
-  for (const Message_RTS& m : m_msg.outbox["T-0"])
-    if (m.key != KEY_NONE) return true;
-  return false;
-}
-
-// Calls Handle() until done() holds, sleeping in poll() on the library's
-// socket: POLLIN for the server's messages, POLLOUT only while a command is
-// unsent. False when the connection is lost or `seconds` pass first.
-template <class Done>
-bool ServeUntil(Robot& robot, Done done, int seconds) {
-  using namespace std::chrono;
-  const auto deadline = steady_clock::now() + std::chrono::seconds(seconds);
-  while (!done()) {
-    const auto left = duration_cast<milliseconds>(deadline - steady_clock::now()).count();
-    if (!robot.connected || left <= 0) return false;
-    pollfd p{m_socket.m_sock, static_cast<short>(POLLIN | (Unsent() ? POLLOUT : 0)), 0};
-    poll(&p, 1, static_cast<int>(left));
-    robot.Handle();
-  }
-  return true;
-}
+using namespace std::chrono_literals;
+using tarn::Event;
+using tarn::EventType;
 
 int main() {
-  Robot robot;                     // connects to the control server compiled into the library
-  if (!robot.connected) return 1;  // the library printed "Can Not Connect Server !"
+  auto robot = tarn::connect(5s);   // the server compiled into the library; at most 5 s
+  if (!robot->connected) return 1;  // the library printed "Can Not Connect Server !"
+  tarn::Events events(*robot);      // serves the connection instead of Robot::Handle()
 
-  robot.Init(0, 0, 0);  // x and y in millimetres; queued, sent by Handle()
-  if (!ServeUntil(
-          robot, [&] { return robot.online; }, 5)) {
-    std::cerr << "robot did not come online\n";
+  // Serves the connection until `answer` accepts an event, for at most
+  // `limit`. No event: no answer in time, or the connection failed.
+  auto await = [&](auto answer, std::chrono::seconds limit) {
+    std::optional<Event> found;
+    auto judge = [&](const Event& e) {
+      if (!found && answer(e)) found = e;
+    };
+    events.serve_until(tarn::Events::Clock::now() + limit, judge,
+                       [&] { return found.has_value(); });
+    return found;
+  };
+  auto failed = [&](const char* what) {
+    std::cerr << what << ": " << (events.lost() ? "connection lost" : "no answer in time") << "\n";
     return 1;
-  }
+  };
 
-  // Accepted is not arrived: true only means the goal is queued (false: the
-  // robot is not online and free). The goal stays in `acts` until the robot
-  // reports the action finished, and then a state of -1 (free) means arrived.
-  // A state other than -1 and 0 (working) is the server's error code; tarn-sim
-  // uses 2 not online, 3 busy, 4 unsupported action, 5 bad parameter.
-  bool ok = robot.SetPosition(500, 0, 0);
-  const auto ended = [&] { return robot.state != 0 && (acts.empty() || robot.state != -1); };
-  ok = ok && ServeUntil(robot, ended, 10) && robot.state == -1;
-  std::cout << robot.DebugString();
-  if (!ok) std::cerr << "goal not reached, state " << robot.state << "\n";
+  robot->Init(0, 0, 0);  // x and y in millimetres; queued, sent by the next step
+  if (!await([](const Event& e) { return e.type == EventType::InitAcknowledged; }, 5s))
+    return failed("init");
 
-  // Leave only once the kill has gone out. Then half-close and read until
-  // the server closes: closing with unread data would reset the connection,
-  // and a reset can overtake the kill.
-  robot.Kill();
-  if (!ServeUntil(
-          robot, [] { return !Unsent(); }, 2))
-    return 1;
-  shutdown(m_socket.m_sock, SHUT_WR);
-  char sink[512];
-  pollfd p{m_socket.m_sock, POLLIN, 0};
-  while (poll(&p, 1, 1000) > 0 && recv(m_socket.m_sock, sink, sizeof sink, 0) > 0) {
-  }
-  return ok ? 0 : 1;
+  // Accepted is not arrived: true only means queued (false: not online and free).
+  if (!robot->SetPosition(500, 0, 0)) return 1;
+  // Arrived: the action finished, then a report shows the robot free.
+  // Refused: a report carries the server's error code instead.
+  bool finished = false;
+  const auto end = await(
+      [&](const Event& e) {
+        finished = finished || e.type == EventType::ActionFinished;
+        return e.type == EventType::Refused ||
+               (finished && e.type == EventType::Report && e.report.state == tarn::state_free);
+      },
+      20s);
+  if (!end) return failed("goto");
+  if (end->type == EventType::Refused)
+    std::cerr << "refused: " << tarn::describe_state(end->code) << "\n";
+  else
+    std::cout << "arrived at " << end->report.x * 1000 << " " << end->report.y * 1000 << " mm\n";
+
+  robot->Kill();  // stop and go offline; leave once the server has closed too
+  if (!await([](const Event& e) { return e.type == EventType::KillAcknowledged; }, 5s))
+    return failed("kill");
+  const bool closed = events.hang_up(tarn::Events::Clock::now() + 1s, [](const Event&) {});
+  return closed && end->type != EventType::Refused ? 0 : 1;
 }

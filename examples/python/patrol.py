@@ -1,50 +1,79 @@
 #!/usr/bin/env python3
 """Bring the robot online, drive a short path, tell whether it arrived, and
-leave it stopped and offline. Run with the module on the path:
-    PYTHONPATH=build/dev/python /usr/bin/python3 examples/python/patrol.py
-Exit status 0 when the path was driven, 1 otherwise."""
+leave it stopped and offline, all within one bound. Run with the module on
+the path:
+    PYTHONPATH=build/dev/python /usr/bin/python3 examples/python/patrol.py [TIMEOUT]
+TIMEOUT (seconds, default 30; the drive takes about 6 s against tarn-sim)
+bounds the whole run, connecting included. Exit status, as for tarn: 0 the
+path was driven, 3 server unreachable, 4 no answer in time, 5 refused,
+6 connection lost, 7 unreadable data."""
 import sys
 import time
 
-import tarnsdk
+import tarnsdk as t
 
-FREE, WORKING = -1, 0
-# tarn-sim's error codes (the task state while refusing)
-ERRORS = {2: "not online", 3: "busy", 4: "unsupported action", 5: "bad parameter"}
-
-
-def serve(robot, done, seconds):
-    """Calls Handle() until done() holds; False on timeout or a lost connection.
-    The module does not expose the socket, so this loop naps briefly instead
-    of sleeping in poll() as the C++ examples do."""
-    end = time.monotonic() + seconds
-    while not done():
-        if not robot.connected or time.monotonic() > end:
-            return False
-        robot.Handle()
-        time.sleep(0.01)
-    return True
+timeout = float(sys.argv[1]) if len(sys.argv) > 1 else 30
+deadline = time.monotonic() + timeout
 
 
-robot = tarnsdk.Robot()  # connects to the compiled-in server, port 6868
+def left():
+    return max(0.0, deadline - time.monotonic())
+
+
+def stop(status, text):
+    print("patrol: " + text, file=sys.stderr)
+    sys.exit(status)
+
+
+def failed(what, events):
+    if events.lost:
+        stop(6, what + ": connection lost")
+    if events.unreadable:
+        stop(7, what + ": unreadable data")
+    stop(4, "%s: no answer within %g s" % (what, timeout))
+
+
+def answer(events, accept):
+    """The first event `accept` takes, or None when the run's time is up or
+    the connection is over."""
+    for e in events.serve(timeout=left()):
+        if accept(e):
+            return e
+    return None
+
+
+robot = t.connect(timeout=left())  # the compiled-in server, port 6868
 if not robot.connected:
-    sys.exit("cannot reach the control server")
+    if left() == 0:
+        stop(4, "could not connect to the control server within %g s" % timeout)
+    stop(3, "cannot reach the control server")
+events = t.Events(robot)  # serves the connection instead of robot.Handle()
+
 robot.Init(0, 0, 0)  # x, y in millimetres
-if not serve(robot, lambda: robot.online, 5):
-    sys.exit("the robot did not come online")
+if not answer(events, lambda e: e.type == t.EventType.InitAcknowledged):
+    failed("init", events)
 robot.SetVelocity(800)  # the protocol has no answer to it
 
-# Accepted is not arrived: True only means queued. The robot reports working,
-# and once it is free again (or in error) the path has ended.
-ok = robot.SetPosition([(500, 0, 0), (500, 500, 0)])
-ok = ok and serve(robot, lambda: robot.state != FREE, 5)
-ok = ok and serve(robot, lambda: robot.state != WORKING, 30) and robot.state == FREE
-print(robot)
-if not ok:
-    print("path not driven:", ERRORS.get(robot.state, "state %d" % robot.state), file=sys.stderr)
+# Accepted is not arrived: True only means queued. Arrived is the action
+# finished and then a report of a free robot; refused is a report carrying
+# the server's error code.
+if not t.set_path(robot, [(500, 0, 0), (500, 500, 0)]):
+    stop(5, "the robot is not online and free")
+finished = False
+for e in events.serve(timeout=left()):
+    if e.type == t.EventType.WaypointPassed:
+        print("way-point %d of %d passed" % (e.passed, e.total))
+    finished = finished or e.type == t.EventType.ActionFinished
+    if e.type == t.EventType.Refused:
+        stop(5, "refused: " + t.describe_state(e.code))
+    if finished and e.type == t.EventType.Report and e.report.state == t.STATE_FREE:
+        print("arrived at %g %g mm" % (e.report.x * 1000, e.report.y * 1000))
+        break
+else:
+    failed("path", events)
 
-# Stop and take the robot offline; give the kill time to go out and be
-# acknowledged before the connection closes with the process.
+# Stop and take the robot offline, then leave without losing the kill.
 robot.Kill()
-serve(robot, lambda: False, 0.3)
-sys.exit(0 if ok else 1)
+if not answer(events, lambda e: e.type == t.EventType.KillAcknowledged):
+    failed("kill", events)
+events.hang_up(timeout=min(1.0, left()))

@@ -83,9 +83,25 @@ TEST(CliParse, CommandsOptionsValuesAndHelp) {
   for (const auto& [args, want] : cases) EXPECT_EQ(Outcome(args), want) << args;
 }
 
-TEST(CliReport, ReadLikeTheLibraryAndFormattedInMillimetres) {
-  tarn_cli::Report r;
-  tarn_cli::ReadReport("24.5 1.5 -0.25 0 0.7854 800 -300", "R-0", "online", r);
+TEST(CliParse, PathLongerThanOneMessageHoldsIsRefusedBeforeConnecting) {
+  const std::size_t most = tarn::max_path_points();
+  std::string line = "path";
+  for (std::size_t i = 0; i <= most; ++i) line += " 1 2";
+  EXPECT_EQ(Outcome(line), "error: path: at most " + std::to_string(most) +
+                               " way-points fit in one message, got " + std::to_string(most + 1));
+}
+
+TEST(CliReport, FormattedInMillimetresWithTheOnlineStateWhenKnown) {
+  tarn::Report r;
+  r.voltage = 24.5f;
+  r.x = 1.5f;
+  r.y = -0.25f;
+  r.state = 0;
+  r.orientation = 0.7854f;
+  r.velocity = 800;
+  r.acceleration = -300;
+  r.name = "R-0";
+  r.online = true;
   EXPECT_EQ(
       tarn_cli::FormatStatus(r),
       "robot         R-0\nonline        yes\nstate         working\nposition      1500 -250 mm\n"
@@ -95,17 +111,19 @@ TEST(CliReport, ReadLikeTheLibraryAndFormattedInMillimetres) {
       tarn_cli::FormatStatusLine(r),
       "R-0 online working  at 1500 -250 mm  heading 0.7854 rad  800 mm/s  -300 mm/s^2  24.50 V");
 
-  // Short report: the missing items keep their values. A word where a number
-  // belongs zeroes that item and leaves the rest.
-  // Servers that do not report the online state leave "N": unknown.
-  tarn_cli::ReadReport("23 2 3 3", "R-1", "N", r);
+  // Servers that do not report the online state: unknown, and left out of
+  // the line. Error codes are named where the table knows them.
+  r.online.reset();
+  r.state = 3;
+  EXPECT_NE(
+      tarn_cli::FormatStatus(r).find("\nonline        unknown\nstate         error 3 (busy)\n"),
+      std::string::npos);
   EXPECT_EQ(
       tarn_cli::FormatStatusLine(r),
-      "R-1 error 3 (busy)  at 2000 3000 mm  heading 0.7854 rad  800 mm/s  -300 mm/s^2  23.00 V");
-  tarn_cli::ReadReport("23 2 3 -1 left 5 6", "R-1", "offline", r);
-  EXPECT_EQ(tarn_cli::FormatStatusLine(r),
-            "R-1 offline free  at 2000 3000 mm  heading 0 rad  800 mm/s  -300 mm/s^2  23.00 V");
-  EXPECT_EQ(tarn_cli::DescribeState(7) + ", " + tarn_cli::DescribeState(-2), "error 7, error -2");
+      "R-0 error 3 (busy)  at 1500 -250 mm  heading 0.7854 rad  800 mm/s  -300 mm/s^2  24.50 V");
+  r.online = false;
+  r.state = 7;
+  EXPECT_EQ(tarn_cli::FormatStatusLine(r).substr(0, 20), "R-0 offline error 7 ");
 
   // -pi and pi are one heading.
   using tarn_cli::SameHeading;

@@ -8,6 +8,10 @@ trap 'for p in "${pids[@]}"; do kill -9 "$p" 2>/dev/null; done; wait 2>/dev/null
 # stdout in <log>, stderr in <log>.err; returns once <ready> is in <log>.
 start() {
   local log=$1 ready=$2 && shift 2
+  # Emptied here, not only by the background job's redirection, which may
+  # come after the first look: a log reused from an earlier start still
+  # holds its ready text.
+  : >"$log"
   "$@" >"$log" 2>"$log.err" & bg=$! && pids+=("$bg")
   for _ in $(seq 200); do
     grep -qF -- "$ready" "$log" && return
@@ -25,14 +29,19 @@ ends() {
 }
 
 # run <status> <ms> <command...>: stdout in $work/out, stderr in $work/err;
-# fails unless it exits with <status> within <ms> milliseconds.
+# fails unless it exits with <status> within <ms> milliseconds (times $slack).
 run() {
-  local want=$1 limit=$2 status t0=$(date +%s%N) && shift 2
+  local want=$1 limit=$(($2 * slack)) status t0=$(date +%s%N) && shift 2
   timeout 60 "$@" >"$work/out" 2>"$work/err"
   status=$? t0=$((($(date +%s%N) - t0) / 1000000))
   ((status == want)) || fail "$* exited with $status, expected $want"
   ((t0 <= limit)) || fail "$* took $t0 ms, more than $limit"
 }
+# slow_if_sanitized <program>: a program built with AddressSanitizer runs
+# several times slower and takes a while to exit (leak check, release of its
+# quarantine): its time limits are doubled.
+slack=1
+slow_if_sanitized() { ldd "$1" 2>/dev/null | grep -q libasan && slack=2 || true; }
 # has_lines <file> <line>...: each line whole; in_log <text>...: each in the simulator's log.
 has_lines() { for l in "${@:2}"; do grep -qxF -- "$l" "$work/$1" || fail "no line '$l' in $1"; done; }
 in_log() { for t; do grep -qF -- "$t" "$work/sim.log" || fail "no '$t' in the simulator's log"; done; }

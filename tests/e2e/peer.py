@@ -3,6 +3,7 @@
 #   peer.py flood        a server that sends status reports without pause
 #   peer.py backlog      a server that never accepts, its listen queue full
 #   peer.py badlen       a server that answers with a frame whose length word is -10
+#   peer.py liar         a server that answers with a message announcing 2^31 - 1 actions
 #   peer.py sessions LOG clients of tarn-sim, one line per outcome: report (a status
 #                        report came), closed, or timeout
 # Servers print "ready" once clients can come.
@@ -59,6 +60,8 @@ print("ready", flush=True)
 peer = None if held else server.accept()[0]
 while sys.argv[1] == "flood":
     peer.sendall(REPORT * 1000)
-if peer:  # badlen
+if sys.argv[1] == "badlen":
     peer.sendall(b"#" + i32(11) + i32(-10))
+if sys.argv[1] == "liar":  # the count in place of the message's 0, no action behind it
+    peer.sendall(frame(message(b"R-0", b"T-0", 5, b"path")[:-5] + i32(2**31 - 1) + b"%"))
 time.sleep(600)

@@ -31,17 +31,17 @@ run_minimal() {
   [[ $status -eq $no_server_status ]] || fail "$program exited with $status, expected $no_server_status"
 }
 
-# Copies the minimal example to <dir>, with its robot.h include rewritten to
-# <form>: "tree" ("robot/robot.h" and its siblings, as inside this project) or
-# "conventional" (<TarnSDK/robot/robot.h> and its siblings).
+# Copies the minimal example to <dir>, with its events.h include rewritten to
+# <form>: "tree" ("robot/events.h" and the other public headers, as inside
+# this project) or "conventional" (<TarnSDK/robot/events.h> and the others).
 example_in_form() {
   local form=$1 dir=$2 includes
-  includes='#include "msg/msg.h"\n#include "net/Socket.h"\n#include "robot/robot.h"'
-  [[ $form == conventional ]] && includes='#include <TarnSDK/msg/msg.h>\n#include <TarnSDK/net/Socket.h>\n#include <TarnSDK/robot/robot.h>'
+  includes='#include "msg/msg.h"\n#include "net/Socket.h"\n#include "robot/robot.h"\n#include "robot/events.h"'
+  [[ $form == conventional ]] && includes='#include <TarnSDK/msg/msg.h>\n#include <TarnSDK/net/Socket.h>\n#include <TarnSDK/robot/robot.h>\n#include <TarnSDK/robot/events.h>'
   mkdir -p "$dir"
   cp -r "$src/." "$dir/"
-  sed -E "s|^#include [<\"](TarnSDK/)?robot/robot\.h[>\"]$|$includes|" "$src/main.cpp" >"$dir/main.cpp"
-  grep -qF "${includes##*\\n}" "$dir/main.cpp" || fail "$src/main.cpp has no robot.h include to rewrite"
+  sed -E "s|^#include [<\"](TarnSDK/)?robot/events\.h[>\"]$|$includes|" "$src/main.cpp" >"$dir/main.cpp"
+  grep -qF "${includes##*\\n}" "$dir/main.cpp" || fail "$src/main.cpp has no events.h include to rewrite"
 }
 
 # Builds the example in both include forms through the CMake package found

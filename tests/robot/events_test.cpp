@@ -200,6 +200,25 @@ TEST_F(EventsTest, UnreadableStreamsStopTheReadingButNotTheSending) {
   EXPECT_EQ(events->poll_entry().fd, -1);
 }
 
+TEST_F(EventsTest, WayPointCountBeyondTheFrameIsUnreadableBeforeAnyIsBuilt) {
+  // Type, the count, and room for the rest of an action without way-points.
+  const std::string action = wire::Bytes().i32(1).i32(1000000).raw(std::string(24, '\0')).s;
+  server.Send(wire::frame(wire::body("R-0", "T-0", KEY_ACTION, "path", "N", "N", 1, 1, action)));
+  Collect(1);
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].reason, "a message announcing 1000000 way-points in 25 bytes");
+}
+
+TEST_F(EventsTest, CountReadFromBehindTheFrameIsUnreadable) {
+  // The body stops at its opening '%': the decoder would take the action
+  // count from the ';' and the next frame's first bytes (729915 actions).
+  const std::string cut = wire::body("R-0", "T-0", KEY_DETAIL, "24 0 0 -1");
+  server.Send(wire::frame(cut.substr(0, cut.size() - 5)) + Report("24 0 0 -1"));
+  Collect(1);
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].reason, "a message that runs past its frame");
+}
+
 TEST_F(EventsTest, FramesTheLibraryCannotFileAreUnreadableWithTheReason) {
   server.Send(wire::frame(wire::body("R-0", "T-0", KEY_DETAIL), 12));
   Collect(1);

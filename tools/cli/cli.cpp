@@ -8,7 +8,7 @@
 #include <iomanip>
 #include <sstream>
 
-#include "robot/robot.h"
+#include "exit_status.h"
 #include "tarn_config.h"
 
 namespace tarn_cli {
@@ -133,6 +133,10 @@ std::string CheckCommand(const Command& c, const std::vector<std::string>& texts
       if (n == 0 || n % 2 != 0) {
         return std::string(name) + ": expects pairs X Y (millimetres), got " + std::to_string(n) +
                (n == 1 ? " number" : " numbers");
+      }
+      if (n / 2 > tarn::max_path_points()) {
+        return std::string(name) + ": at most " + std::to_string(tarn::max_path_points()) +
+               " way-points fit in one message, got " + std::to_string(n / 2);
       }
       return "";
     case Verb::kSpeed:
@@ -316,51 +320,20 @@ std::string HelpText(const std::string& topic) {
       "(" TARN_SERVER_ADDRESS ":" +
       std::to_string(TARN_SERVER_PORT) +
       " in this build); there is no option to change them.\n"
-      "\n"
-      "Exit status: 0 done; 2 bad arguments or a value out of range; 3 server\n"
-      "unreachable or connection lost; 4 no answer in time (connecting included);\n"
-      "5 robot not online, busy or refusing; 130 interrupted (SIGINT, SIGTERM);\n"
-      "1 any other failure, such as unreadable data from the server.\n";
+      "\n" +
+      tarn_tools::kExitStatusHelp;
   return text;
 }
 
-std::string DescribeState(int state) {
-  if (state == -1) return "free";
-  if (state == 0) return "working";
-  std::string text = "error " + std::to_string(state);
-  // Codes other than -1 and 0 are the server's own; these are tarn-sim's.
-  switch (state) {
-    case 2:
-      return text + " (not online)";
-    case 3:
-      return text + " (busy)";
-    case 4:
-      return text + " (unsupported action)";
-    case 5:
-      return text + " (bad parameter)";
-    default:
-      return text;
-  }
-}
-
-void ReadReport(const std::string& text, const std::string& name, const std::string& online,
-                Report& report) {
-  std::istringstream in(text);
-  in >> report.voltage >> report.x >> report.y >> report.state >> report.orientation >>
-      report.velocity >> report.acceleration;
-  report.name = name;
-  report.online = online == "online" || online == "offline" ? online : "unknown";
-}
-
-std::string FormatStatus(const Report& r) {
+std::string FormatStatus(const tarn::Report& r) {
   std::ostringstream out;
   out << "robot         " << r.name << "\n"
       << "online        "
-      << (r.online == "online"    ? "yes"
-          : r.online == "offline" ? "no"
-                                  : "unknown")
+      << (!r.online   ? "unknown"
+          : *r.online ? "yes"
+                      : "no")
       << "\n"
-      << "state         " << DescribeState(r.state) << "\n"
+      << "state         " << tarn::describe_state(r.state) << "\n"
       << "position      " << r.x * 1000.0 << " " << r.y * 1000.0 << " mm\n"
       << "orientation   " << r.orientation << " rad\n"
       << "velocity      " << r.velocity << " mm/s\n"
@@ -369,12 +342,15 @@ std::string FormatStatus(const Report& r) {
   return out.str();
 }
 
-std::string FormatStatusLine(const Report& r) {
+std::string FormatStatusLine(const tarn::Report& r) {
   std::ostringstream out;
-  out << r.name << " " << (r.online == "unknown" ? "" : r.online + " ") << DescribeState(r.state)
-      << "  at " << r.x * 1000.0 << " " << r.y * 1000.0 << " mm  heading " << r.orientation
-      << " rad  " << r.velocity << " mm/s  " << r.acceleration << " mm/s^2  " << std::fixed
-      << std::setprecision(2) << r.voltage << " V";
+  out << r.name << " "
+      << (!r.online   ? ""
+          : *r.online ? "online "
+                      : "offline ")
+      << tarn::describe_state(r.state) << "  at " << r.x * 1000.0 << " " << r.y * 1000.0
+      << " mm  heading " << r.orientation << " rad  " << r.velocity << " mm/s  " << r.acceleration
+      << " mm/s^2  " << std::fixed << std::setprecision(2) << r.voltage << " V";
   return out.str();
 }
 

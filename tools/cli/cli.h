@@ -7,18 +7,9 @@
 #include <string>
 #include <vector>
 
-namespace tarn_cli {
+#include "robot/events.h"
 
-// Exit statuses, documented in the tool's help.
-enum ExitStatus : int {
-  kOk = 0,
-  kFailure = 1,        // unexpected failure (a malformed frame from the server...)
-  kUsage = 2,          // bad command line or a value out of range
-  kUnreachable = 3,    // cannot connect, or the connection was lost
-  kTimeout = 4,        // no acknowledgement or report in time
-  kRefused = 5,        // robot not online, busy, or in an error state
-  kInterrupted = 130,  // SIGINT or SIGTERM (a watch ended by Ctrl-C exits 0)
-};
+namespace tarn_cli {
 
 enum class Verb { kStatus, kInit, kGoto, kPath, kSpeed, kAccel, kTurn, kKill, kWatch };
 
@@ -51,32 +42,10 @@ std::string HelpText(const std::string& topic);
 
 const char* VerbName(Verb verb);
 
-// The task state in words: "free", "working", "error 3 (busy)".
-std::string DescribeState(int state);
-
-// What a status report says, read the way the library reads it: items in
-// order, and once one fails to parse the rest keep their previous values.
-struct Report {
-  float voltage = 0;
-  float x = 0;  // metres
-  float y = 0;  // metres
-  int state = -1;
-  float orientation = 0;   // radians
-  float velocity = 0;      // mm/s
-  float acceleration = 0;  // mm/s^2
-  std::string name;
-  std::string online = "unknown";  // "online", "offline", or "unknown" when not reported
-};
-// Updates `report` from a status report's three texts: the numbers, the
-// robot's name and its online state. Control servers that do not report the
-// online state leave the third text "N", shown as unknown.
-void ReadReport(const std::string& text, const std::string& name, const std::string& online,
-                Report& report);
-
 // The multi-line block printed by `tarn status` (positions in millimetres).
-std::string FormatStatus(const Report& report);
+std::string FormatStatus(const tarn::Report& report);
 // The one-line form printed by `tarn watch`.
-std::string FormatStatusLine(const Report& report);
+std::string FormatStatusLine(const tarn::Report& report);
 
 // True when two headings in radians are within `tolerance` of each other,
 // counting -pi and pi as the same heading.
