@@ -51,18 +51,11 @@ double Seconds(Clock::duration d) {
   return std::chrono::duration<double>(d).count();
 }
 
-std::uint32_t Le32(const std::string& b, std::size_t at) {
-  std::uint32_t v = 0;
-  for (std::size_t i = 0; i < 4; ++i)
-    v |= static_cast<std::uint32_t>(static_cast<unsigned char>(b[at + i])) << (8 * i);
-  return v;
-}
-
 // How many bytes to hold before cutting frames: room for the frame in front
 // when it is a large one still arriving, otherwise a short read-ahead.
 std::size_t ReadAhead(const std::string& in) {
   if (in.size() < frame_header_size || in[0] != header) return kSmallReadAhead;
-  return std::min(kReadAhead, std::max(kSmallReadAhead, std::size_t{Le32(in, 5)} + 10));
+  return std::min(kReadAhead, std::max(kSmallReadAhead, std::size_t{get_word(in.data() + 5)} + 10));
 }
 
 struct Peer {
@@ -359,9 +352,9 @@ void Server::HandleInput() {
     // arriving or bytes wait for a frame marker, which is given up once the
     // read-ahead is full (no frame can be that long).
     if (in.size() >= frame_header_size && in[0] == header) {
-      const std::uint32_t length = Le32(in, 5);
+      const std::uint32_t length = get_word(in.data() + 5);
       if (in.size() >= std::size_t{length} + 10) {
-        const std::uint32_t type = Le32(in, 1);
+        const std::uint32_t type = get_word(in.data() + 1);
         DropClient("no message readable from " + std::to_string(in.size()) + " buffered bytes: " +
                    (static_cast<std::int32_t>(type) != frame_type
                         ? "a frame of unknown type " + std::to_string(type)
@@ -397,7 +390,7 @@ void Server::Deliver(const std::vector<Message_RTS>& messages) {
     if (!opt_.quiet) Log("send " + Describe(m));
     view_.Message(sim_.time(), false, m);
     if (client_.out.empty()) client_.last_output = Clock::now();
-    client_.out += Frame(m);
+    client_.out += make_frame(m.str());
   }
   if (!messages.empty()) dirty_ = true;
 }

@@ -187,9 +187,6 @@ class RobotSim {
 enum class Screen { kPass, kDiscard };
 Screen ScreenFrame(std::string& buffer, std::uint32_t& announced);
 
-// The complete frame of a message as it goes on the wire.
-std::string Frame(Message_RTS& m);
-
 // One readable line describing a message, for the simulator's log:
 // sender, receiver, key name, integer, the three texts and the actions.
 std::string Describe(const Message_RTS& m);
