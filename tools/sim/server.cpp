@@ -46,6 +46,10 @@ constexpr std::size_t kSmallReadAhead = 65536;
 constexpr int kMaxMessagesPerWake = 5000;
 // Unsent output beyond this means the client stopped reading long ago.
 constexpr std::size_t kMaxPending = 8 * 1000000;
+// Connections taken from the accept queue per wake-up: enough to empty it
+// during a storm of short connections, few enough that the client being
+// served and the simulation get their turn between batches.
+constexpr int kMaxAcceptsPerWake = 64;
 
 double Seconds(Clock::duration d) {
   return std::chrono::duration<double>(d).count();
@@ -94,7 +98,8 @@ class Server {
     p = Peer();
   }
 
-  void Accept();
+  enum class Accepted { kNone, kClient, kRefused };
+  Accepted Accept();
   void ReadClient();
   void HandleInput();
   void Handle(const Message_RTS& m, std::uint32_t announced);
@@ -133,6 +138,11 @@ int Server::Run(void (*on_ready)(int)) {
               << e.m_message << std::endl;
     return 1;
   }
+  // The library listens with a backlog of 3, enough for the one client it
+  // expects. Connecting costs a client nothing until accept(), so a burst of
+  // them overflows such a queue, and every refused handshake is retried only
+  // a second later. listen() on a listening socket just resizes its queue.
+  ::listen(listener_.m_sock, SOMAXCONN);
   sockaddr_in bound{};
   socklen_t len = sizeof bound;
   ::getsockname(listener_.m_sock, reinterpret_cast<sockaddr*>(&bound), &len);
@@ -165,6 +175,7 @@ int Server::Run(void (*on_ready)(int)) {
     // stays in the kernel and the client is slowed down, not dropped.
     if (client_.in.size() >= ReadAhead(client_.in)) fds[1].events &= ~POLLIN;
     const int ready_count = ::poll(fds, 3, timeout);
+    if (opt_.wakeups) ++*opt_.wakeups;
     if (ready_count < 0 && errno != EINTR) {
       std::cerr << "tarn-sim: poll: " << std::strerror(errno) << std::endl;
       return 1;
@@ -179,7 +190,12 @@ int Server::Run(void (*on_ready)(int)) {
       if (client_.fd >= 0 && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) ReadClient();
       if (client_.fd >= 0 && (fds[1].revents & POLLOUT)) Flush();
 
-      if (fds[0].revents & POLLIN) Accept();
+      // Newcomers refused while a client is served leave in one batch. A new
+      // client ends the batch: its input, or its leaving in a storm of short
+      // connections, is read before anyone queued behind it is judged.
+      if (fds[0].revents & POLLIN)
+        for (int i = 0; i < kMaxAcceptsPerWake && Accept() == Accepted::kRefused; ++i) {
+        }
     }
     if (controls_pending_) ApplyControls();
     if (more_input_ && client_.fd >= 0) HandleInput();
@@ -254,12 +270,12 @@ void Server::ApplyControls() {
   }
 }
 
-void Server::Accept() {
+Server::Accepted Server::Accept() {
   sockaddr_in peer{};
   socklen_t len = sizeof peer;
   const int fd = ::accept4(listener_.m_sock, reinterpret_cast<sockaddr*>(&peer), &len,
                            SOCK_NONBLOCK | SOCK_CLOEXEC);
-  if (fd < 0) return;
+  if (fd < 0) return Accepted::kNone;
   // Replies are written once per wake-up; Nagle's delay would only hold the
   // second of two back-to-back writes until the first is acknowledged.
   const int one = 1;
@@ -277,7 +293,7 @@ void Server::Accept() {
     if (Seconds(p.last_input - client_.last_input) < opt_.idle_timeout) {
       ::close(fd);
       Log("refused a second client (" + p.name + "): already serving one");
-      return;
+      return Accepted::kRefused;
     }
     char why[96];
     std::snprintf(why, sizeof why, "silent for %g s while another client connects",
@@ -286,6 +302,7 @@ void Server::Accept() {
   }
   client_ = std::move(p);
   Log("client connected (" + client_.name + ")");
+  return Accepted::kClient;
 }
 
 void Server::ReadClient() {

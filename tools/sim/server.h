@@ -5,6 +5,7 @@
 // the live view fed with snapshots. Single-threaded apart from the live
 // view's HTTP threads, which only read published snapshots.
 
+#include <atomic>
 #include <csignal>
 #include <string>
 
@@ -21,6 +22,9 @@ struct ServerOptions {
   double idle_timeout = 30;
   bool web = true;
   int http_port = 6869;  // 0: any free port
+  // Counts the loop's wake-ups when set: what an idle or driving simulator
+  // costs in scheduling, for tests and measurements.
+  std::atomic<unsigned long>* wakeups = nullptr;
 };
 
 // Serves clients until `stop` becomes non-zero. Returns the process's exit

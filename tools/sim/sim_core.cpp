@@ -182,7 +182,10 @@ double RobotSim::NextEventIn() const {
   double next = std::numeric_limits<double>::infinity();
   if (busy()) next = kMotionTick;
   if (registered_ && cfg_.report_rate_hz > 0) next = std::min(next, next_report_ - time_);
-  if (error_ != 0) next = std::min(next, error_until_ - time_);
+  // A held error clears only at rest: while the robot moves, the end of its
+  // hold changes nothing, and counting it would make every moment after it
+  // due at once. The motion step that ends the move clears the error.
+  if (error_ != 0 && !busy()) next = std::min(next, error_until_ - time_);
   return std::max(next, 0.0);
 }
 

@@ -104,8 +104,10 @@ class RobotSim {
   std::vector<Message_RTS> Inject(int code);
 
   // Simulated seconds until something would change without any input: the
-  // next integration step while moving, the next periodic report, or the end
-  // of an error's hold. Infinity when nothing is scheduled.
+  // next integration step while moving, the next periodic report, or, at
+  // rest, the end of an error's hold. Infinity when nothing is scheduled.
+  // Zero only for an event that the next Advance, of any length, handles: a
+  // loop that sleeps this long between calls never spins.
   double NextEventIn() const;
 
   bool registered() const { return registered_; }
