@@ -148,13 +148,25 @@ int Server::Run(void (*on_ready)(int)) {
   ::getsockname(listener_.m_sock, reinterpret_cast<sockaddr*>(&bound), &len);
   if (opt_.web) {
     std::string error;
-    web_on_ = web_.Start(opt_.address, opt_.http_port, error);
+    WebOptions web;
+    web.address = opt_.http_address;
+    web.port = opt_.http_port;
+    web.names = opt_.http_names;
+    web.token = !IsLoopback(opt_.http_address);
+    web_on_ = web_.Start(web, error);
     // Scripts and people look for this line, so it is printed even when
     // quiet; without the view the simulator still serves its control port.
-    if (web_on_)
-      std::cout << "live view: http://" << opt_.address << ':' << web_.port() << '/' << std::endl;
-    else
+    if (web_on_) {
+      if (!web_.token().empty())
+        std::cerr << "tarn-sim: warning: the live view listens on " << opt_.http_address
+                  << ", beyond this machine's loopback: whoever reaches it sees the robot. "
+                     "Its controls need the token in the address below."
+                  << std::endl;
+      std::cout << "live view: http://" << opt_.http_address << ':' << web_.port() << '/'
+                << (web_.token().empty() ? "" : "?token=" + web_.token()) << std::endl;
+    } else {
       std::cerr << "tarn-sim: live view not available: " << error << std::endl;
+    }
   }
   char ready[96];
   std::snprintf(ready, sizeof ready, "simulated robot R-0 ready; status reports at %g Hz",
