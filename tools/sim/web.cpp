@@ -56,9 +56,11 @@ constexpr auto kAcceptPause = milliseconds(100);  // out of descriptors
 constexpr int kMaxSubscribers = 8;
 // An idle event stream gets a comment line this often, so proxies keep it.
 constexpr auto kStreamKeepAlive = seconds(15);
-// A subscriber's own send buffer: what the kernel holds for one that stops
-// reading before its output stalls and the stream is closed.
-constexpr int kStreamSendBuffer = 64 * 1024;
+// A subscriber's own send buffer, small: a subscriber that stops reading is
+// seen as stalled, and closed, only once this buffer and its own receive
+// window are full, which the robot's events at rest (some 30 KB a second)
+// take about five seconds to do.
+constexpr int kStreamSendBuffer = 16 * 1024;
 // Queued controls beyond this are refused: a page cannot click faster.
 constexpr std::size_t kMaxControls = 64;
 
