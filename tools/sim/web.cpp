@@ -241,7 +241,6 @@ struct WebServer::Loop {
   int port = 0;
   std::set<std::string> names;  // lower case, without the port
   std::vector<std::unique_ptr<Conn>> conns;
-  int subscribers = 0;
   Clock::time_point accept_from;  // accepting paused until then
   Clock::time_point now;
   std::shared_ptr<const Snapshot> snap;
@@ -260,7 +259,7 @@ struct WebServer::Loop {
   }
 
   void Run();
-  bool TakeSnapshot();  // false once the server stops
+  bool TakeSnapshot();  // the newest snapshot; false once the server stops
   void Accept();
   void Evict();
   void Close(Conn& c);
@@ -367,7 +366,7 @@ void WebServer::Loop::Evict() {
 }
 
 void WebServer::Loop::Close(Conn& c) {
-  if (c.phase == Phase::kStream) --subscribers;
+  if (c.phase == Phase::kStream) --owner.subscribers_;
   // Output that may still be waiting for its reader is dropped with a reset,
   // rather than left to the kernel to retry for minutes after the close.
   if (c.phase == Phase::kStream || c.pending()) {
@@ -559,10 +558,15 @@ void WebServer::Loop::Decide(Conn& c, const Request& r) {
                    std::make_shared<const std::string>("only GET, and POST for controls\n"),
                    "Allow: GET, POST\r\n", true);
   }
-  if (r.path == "/state") return Respond(c, 200, "application/json", Json());
+  if (r.path == "/state") {
+    TakeSnapshot();
+    return Respond(c, 200, "application/json", Json());
+  }
   if (r.path == "/events") {
-    if (subscribers >= kMaxSubscribers) return Respond(c, 503, "too many live views open\n", true);
-    ++subscribers;
+    if (owner.subscribers_ >= kMaxSubscribers)
+      return Respond(c, 503, "too many live views open\n", true);
+    ++owner.subscribers_;
+    TakeSnapshot();  // the newest, which no wake-up announced while nobody subscribed
     ::setsockopt(c.fd, SOL_SOCKET, SO_SNDBUF, &kStreamSendBuffer, sizeof kStreamSendBuffer);
     // Delimited by the connection's end: nothing follows on it.
     c.out =
@@ -691,8 +695,10 @@ bool WebServer::Publish(std::shared_ptr<const Snapshot> snapshot) {
     if (!lock) return false;
     snapshot_ = std::move(snapshot);
   }
+  // Only streams need to hear of it; a reader of /state takes the newest
+  // snapshot when it asks.
   const std::uint64_t one = 1;
-  if (::write(wake_fd_, &one, sizeof one) < 0) {
+  if (subscribers_ > 0 && ::write(wake_fd_, &one, sizeof one) < 0) {
     // Saturated: the HTTP thread has a wake-up pending anyway.
   }
   return true;

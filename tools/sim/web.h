@@ -23,6 +23,7 @@
 //     its first request and 5 s for a later one; output that does not move
 //     for 2 s closes the connection, event streams included.
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -90,8 +91,9 @@ class WebServer {
   int port_ = 0;
   std::string token_;
   int control_fd_ = -1;
-  int wake_fd_ = -1;  // tells the HTTP thread about a snapshot or a stop
-  std::mutex mutex_;  // guards the three below
+  int wake_fd_ = -1;                 // tells the HTTP thread about a snapshot or a stop
+  std::atomic<int> subscribers_{0};  // event streams open
+  std::mutex mutex_;                 // guards the three below
   std::shared_ptr<const Snapshot> snapshot_;
   bool stopping_ = false;
   std::vector<Control> controls_;
