@@ -366,6 +366,7 @@ void WebServer::Loop::Evict() {
 }
 
 void WebServer::Loop::Close(Conn& c) {
+  if (c.fd < 0) return;
   if (c.phase == Phase::kStream) --owner.subscribers_;
   // Output that may still be waiting for its reader is dropped with a reset,
   // rather than left to the kernel to retry for minutes after the close.
@@ -402,7 +403,7 @@ void WebServer::Loop::Service(Conn& c, short revents) {
       if (c.phase == Phase::kRequest && c.started) Serve(c);
     }
   }
-  if (!(revents & (POLLIN | POLLHUP)) || c.phase == Phase::kWrite) return;
+  if (c.fd < 0 || !(revents & (POLLIN | POLLHUP)) || c.phase == Phase::kWrite) return;
   char chunk[16384];
   const bool keep = c.phase == Phase::kRequest || c.phase == Phase::kBody;
   // At most a head and a body are held. Serve leaves less than that behind
@@ -539,13 +540,13 @@ void WebServer::Loop::Decide(Conn& c, const Request& r) {
       return Respond(c, 400, "bad Content-Length\n", true);
     length = std::strtoull(text->c_str(), nullptr, 10);
   }
-  const bool control = r.path.compare(0, 9, "/control/") == 0;
+  const bool control = r.method == "POST" && r.path.compare(0, 9, "/control/") == 0;
   // Decided from the announced length, before a byte of the body is read.
-  if (length > (r.method == "POST" && control ? kMaxBody : 0))
+  if (length > (control ? kMaxBody : 0))
     return Respond(
         c, 413, control ? "a control's body is limited to 4 KiB\n" : "this request takes no body\n",
         true);
-  if (r.method == "POST" && control) {
+  if (control) {
     if (const char* why = ControlRefusal(r)) return Respond(c, 403, why, true);
     c.path = r.path;
     c.query = r.query;
