@@ -27,6 +27,13 @@ inline void put_word(std::string& out, std::uint32_t value) {
   out.append(bytes, 4);
 }
 
+// The value of the 4 wire bytes at `bytes`: the reverse of put_word.
+inline std::uint32_t get_word(const char* bytes) {
+  std::uint32_t value;
+  std::memcpy(&value, bytes, 4);
+  return value;
+}
+
 // Decodes one message from the bytes [data, data + size) into `message`, with
 // exactly the outcome of Message_RTS::decode on a std::stringstream holding
 // those bytes (same fields, same result, same exceptions). `*consumed`, when

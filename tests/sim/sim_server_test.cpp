@@ -1,10 +1,12 @@
 // tarn-sim's loop over real sockets (in-process), and its live view's encoding.
 
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <thread>
 
@@ -28,10 +30,101 @@ int Join() {
   return fd;
 }
 
+// Reads from `fd` into `got` until `needle` appears in it; false after 20 s
+// without it, or when the peer closes.
+bool Await(int fd, std::string& got, const std::string& needle) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  char chunk[4096];
+  while (got.find(needle) == std::string::npos) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || !loopback::wait_readable(fd, static_cast<int>(left.count())))
+      return false;
+    const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
+    if (n <= 0) return false;
+    got.append(chunk, static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+void Send(int fd, const std::string& body) {
+  const std::string frame = wire::frame(body);
+  EXPECT_EQ(::send(fd, frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
+}
+
 }  // namespace
+
+TEST(SimServer, HeldErrorWhileDrivingSleepsBetweenStepsAndAConnectionStormIsQueued) {
+  std::atomic<unsigned long> wakeups{0};
+  g_port = 0, g_stop = 0;
+  tarn_sim::ServerOptions o;
+  o.port = 0, o.rate_hz = 0, o.quiet = true, o.web = false, o.wakeups = &wakeups;
+  std::thread sim([o] { tarn_sim::RunServer(o, g_stop, [](int p) { g_port = p; }); });
+  while (g_port == 0) std::this_thread::yield();
+
+  // A 3 m drive at 2 m/s and 2 m/s^2 (2.5 s), refused a second action at
+  // once: error 3 is held past its 1 s hold until the robot stops.
+  const int a = Join();
+  Send(a, wire::body("T-0", "SV-0", KEY_INIT, "0", "0", "0"));
+  Send(a, wire::body("T-0", "SV-0", KEY_SET_PARAM, "Speed", "N", "N", 2000));
+  Send(a, wire::body("T-0", "SV-0", KEY_SET_PARAM, "Acceleration", "N", "N", 2000));
+  const std::string travel = wire::body("T-0", "SV-0", KEY_ACTION, "N", "N", "N", 1, 1,
+                                        wire::Bytes()
+                                            .i32(1)  // type: travel
+                                            .i32(1)  // one way-point: code 0 at (3, 0), flag 1
+                                            .i32(0)
+                                            .f32(3)
+                                            .f32(0)
+                                            .f32(0)
+                                            .i32(1)
+                                            .i32(0)
+                                            .i32(0)  // no arc way-points
+                                            .text("0")
+                                            .f32(3)
+                                            .f32(0)
+                                            .i32(0)
+                                            .text("f")
+                                            .s);
+  Send(a, travel);
+  Send(a, travel);
+  std::string got;
+  ASSERT_TRUE(Await(a, got, " 3 0.0000 ")) << "no refusal reported";
+  const unsigned long before = wakeups;
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(Await(a, got, "3.000 0.000 -1 ")) << "no arrival with the error cleared";
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  // A motion step every 10 ms and a few replies; a loop that spins once the
+  // hold has passed wakes tens of thousands of times a second instead.
+  EXPECT_LT(wakeups - before, 150 * seconds + 50) << "over " << seconds << " s";
+  ::close(a);
+
+  // Connections opened and closed in a row, faster than one a wake-up: the
+  // queue holds them all, so no handshake is dropped and retried a second
+  // later. The simulator serves the next client afterwards.
+  for (int i = 0; i < 1000; ++i) {
+    sockaddr_in to{
+        AF_INET, htons(static_cast<uint16_t>(g_port.load())), {htonl(INADDR_LOOPBACK)}, {}};
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    tcp_info info{};
+    socklen_t len = sizeof info;
+    ASSERT_EQ(::getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len), 0);
+    ASSERT_EQ(info.tcpi_total_retrans, 0u) << "connection " << i << " was retried";
+    ::close(fd);
+  }
+  const int b = Join();
+  Send(b, wire::body("T-0", "SV-0", KEY_GET_DETAIL));
+  got.clear();
+  EXPECT_TRUE(Await(b, got, " -1 0.0000 "));
+  ::close(b);
+  g_stop = 1;
+  sim.join();
+}
 
 TEST(SimServer, SilentClientMakesWayAndPipelinedFramesAreAllServed) {
   // tarn-sim on a free port without live view, reporting on events only.
+  g_port = 0, g_stop = 0;
   tarn_sim::ServerOptions o;
   o.port = 0, o.rate_hz = 0, o.quiet = true, o.idle_timeout = 0.5, o.web = false;
   std::thread sim([o] { tarn_sim::RunServer(o, g_stop, [](int p) { g_port = p; }); });

@@ -23,18 +23,26 @@ void OnSignal(int) {
 
 void Usage(std::ostream& out) {
   out << "Usage: tarn-sim [--address A] [--port N] [--rate HZ] [--idle-timeout S]\n"
-         "                [--http-port N | --no-web] [--quiet]\n"
+         "                [--http-address A] [--http-port N] [--http-host NAME]...\n"
+         "                [--no-web] [--quiet]\n"
          "\n"
          "A control server with one simulated robot (R-0) behind it. Serves one\n"
          "client at a time and closes other connections at once.\n"
          "\n"
-         "  --address A        IPv4 address to listen on (default 127.0.0.1)\n"
+         "  --address A        IPv4 address of the control port (default 127.0.0.1)\n"
          "  --port N           TCP port (default 6868)\n"
          "  --rate HZ          periodic status reports per second, 0 for none (default 10)\n"
          "  --idle-timeout S   a client that has sent nothing for S seconds gives way\n"
          "                     to a new one; one that reads none of its replies for\n"
          "                     S seconds is dropped (default 30)\n"
-         "  --http-port N      port of the live view on the same address (default 6869)\n"
+         "  --http-address A   IPv4 address of the live view (default 127.0.0.1). Any\n"
+         "                     other than loopback (127.x.x.x) shows the robot to whoever\n"
+         "                     reaches it: tarn-sim warns, and the controls then need\n"
+         "                     the token printed at start with the view's address\n"
+         "  --http-port N      port of the live view (default 6869)\n"
+         "  --http-host NAME   a further host name the live view answers to, as in\n"
+         "                     http://NAME:6869/ (repeatable); it answers to its\n"
+         "                     address, localhost, 127.0.0.1 and [::1] anyway\n"
          "  --no-web           no live view\n"
          "  --quiet            no log lines; only errors, the listening line and the\n"
          "                     live view's address\n"
@@ -64,7 +72,11 @@ void Usage(std::ostream& out) {
          "\n"
          "The live view (http://127.0.0.1:6869/ by default) shows the robot on a\n"
          "map; /state is the whole state as JSON, /events the same as server-sent\n"
-         "events. Stop the simulator with Ctrl-C (SIGINT) or SIGTERM.\n";
+         "events. Its controls are POST /control/pause, /control/resume,\n"
+         "/control/drop and /control/error?code=N with Content-Type:\n"
+         "application/json (and X-Tarn-Token: the token, beyond loopback); from a\n"
+         "page of another origin they are refused.\n"
+         "Stop the simulator with Ctrl-C (SIGINT) or SIGTERM.\n";
 }
 
 bool ParseDouble(const char* text, double& out) {
@@ -96,6 +108,10 @@ int main(int argc, char** argv) {
       options.port = static_cast<int>(port);
     } else if (arg == "--no-web") {
       options.web = false;
+    } else if (arg == "--http-address" && has_value) {
+      options.http_address = argv[++i];
+    } else if (arg == "--http-host" && has_value) {
+      options.http_names.push_back(argv[++i]);
     } else if (arg == "--http-port" && has_value) {
       double port = 0;
       if (!ParseDouble(argv[++i], port) || port < 0 || port > 65535 || port != std::floor(port)) {

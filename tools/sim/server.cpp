@@ -46,23 +46,20 @@ constexpr std::size_t kSmallReadAhead = 65536;
 constexpr int kMaxMessagesPerWake = 5000;
 // Unsent output beyond this means the client stopped reading long ago.
 constexpr std::size_t kMaxPending = 8 * 1000000;
+// Connections taken from the accept queue per wake-up: enough to empty it
+// during a storm of short connections, few enough that the client being
+// served and the simulation get their turn between batches.
+constexpr int kMaxAcceptsPerWake = 64;
 
 double Seconds(Clock::duration d) {
   return std::chrono::duration<double>(d).count();
-}
-
-std::uint32_t Le32(const std::string& b, std::size_t at) {
-  std::uint32_t v = 0;
-  for (std::size_t i = 0; i < 4; ++i)
-    v |= static_cast<std::uint32_t>(static_cast<unsigned char>(b[at + i])) << (8 * i);
-  return v;
 }
 
 // How many bytes to hold before cutting frames: room for the frame in front
 // when it is a large one still arriving, otherwise a short read-ahead.
 std::size_t ReadAhead(const std::string& in) {
   if (in.size() < frame_header_size || in[0] != header) return kSmallReadAhead;
-  return std::min(kReadAhead, std::max(kSmallReadAhead, std::size_t{Le32(in, 5)} + 10));
+  return std::min(kReadAhead, std::max(kSmallReadAhead, std::size_t{get_word(in.data() + 5)} + 10));
 }
 
 struct Peer {
@@ -101,7 +98,8 @@ class Server {
     p = Peer();
   }
 
-  void Accept();
+  enum class Accepted { kNone, kClient, kRefused };
+  Accepted Accept();
   void ReadClient();
   void HandleInput();
   void Handle(const Message_RTS& m, std::uint32_t announced);
@@ -140,18 +138,35 @@ int Server::Run(void (*on_ready)(int)) {
               << e.m_message << std::endl;
     return 1;
   }
+  // The library listens with a backlog of 3, enough for the one client it
+  // expects. Connecting costs a client nothing until accept(), so a burst of
+  // them overflows such a queue, and every refused handshake is retried only
+  // a second later. listen() on a listening socket just resizes its queue.
+  ::listen(listener_.m_sock, SOMAXCONN);
   sockaddr_in bound{};
   socklen_t len = sizeof bound;
   ::getsockname(listener_.m_sock, reinterpret_cast<sockaddr*>(&bound), &len);
   if (opt_.web) {
     std::string error;
-    web_on_ = web_.Start(opt_.address, opt_.http_port, error);
+    WebOptions web;
+    web.address = opt_.http_address;
+    web.port = opt_.http_port;
+    web.names = opt_.http_names;
+    web.token = !IsLoopback(opt_.http_address);
+    web_on_ = web_.Start(web, error);
     // Scripts and people look for this line, so it is printed even when
     // quiet; without the view the simulator still serves its control port.
-    if (web_on_)
-      std::cout << "live view: http://" << opt_.address << ':' << web_.port() << '/' << std::endl;
-    else
+    if (web_on_) {
+      if (!web_.token().empty())
+        std::cerr << "tarn-sim: warning: the live view listens on " << opt_.http_address
+                  << ", beyond this machine's loopback: whoever reaches it sees the robot. "
+                     "Its controls need the token in the address below."
+                  << std::endl;
+      std::cout << "live view: http://" << opt_.http_address << ':' << web_.port() << '/'
+                << (web_.token().empty() ? "" : "?token=" + web_.token()) << std::endl;
+    } else {
       std::cerr << "tarn-sim: live view not available: " << error << std::endl;
+    }
   }
   char ready[96];
   std::snprintf(ready, sizeof ready, "simulated robot R-0 ready; status reports at %g Hz",
@@ -172,6 +187,7 @@ int Server::Run(void (*on_ready)(int)) {
     // stays in the kernel and the client is slowed down, not dropped.
     if (client_.in.size() >= ReadAhead(client_.in)) fds[1].events &= ~POLLIN;
     const int ready_count = ::poll(fds, 3, timeout);
+    if (opt_.wakeups) ++*opt_.wakeups;
     if (ready_count < 0 && errno != EINTR) {
       std::cerr << "tarn-sim: poll: " << std::strerror(errno) << std::endl;
       return 1;
@@ -186,7 +202,12 @@ int Server::Run(void (*on_ready)(int)) {
       if (client_.fd >= 0 && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) ReadClient();
       if (client_.fd >= 0 && (fds[1].revents & POLLOUT)) Flush();
 
-      if (fds[0].revents & POLLIN) Accept();
+      // Newcomers refused while a client is served leave in one batch. A new
+      // client ends the batch: its input, or its leaving in a storm of short
+      // connections, is read before anyone queued behind it is judged.
+      if (fds[0].revents & POLLIN)
+        for (int i = 0; i < kMaxAcceptsPerWake && Accept() == Accepted::kRefused; ++i) {
+        }
     }
     if (controls_pending_) ApplyControls();
     if (more_input_ && client_.fd >= 0) HandleInput();
@@ -261,12 +282,12 @@ void Server::ApplyControls() {
   }
 }
 
-void Server::Accept() {
+Server::Accepted Server::Accept() {
   sockaddr_in peer{};
   socklen_t len = sizeof peer;
   const int fd = ::accept4(listener_.m_sock, reinterpret_cast<sockaddr*>(&peer), &len,
                            SOCK_NONBLOCK | SOCK_CLOEXEC);
-  if (fd < 0) return;
+  if (fd < 0) return Accepted::kNone;
   // Replies are written once per wake-up; Nagle's delay would only hold the
   // second of two back-to-back writes until the first is acknowledged.
   const int one = 1;
@@ -284,7 +305,7 @@ void Server::Accept() {
     if (Seconds(p.last_input - client_.last_input) < opt_.idle_timeout) {
       ::close(fd);
       Log("refused a second client (" + p.name + "): already serving one");
-      return;
+      return Accepted::kRefused;
     }
     char why[96];
     std::snprintf(why, sizeof why, "silent for %g s while another client connects",
@@ -293,6 +314,7 @@ void Server::Accept() {
   }
   client_ = std::move(p);
   Log("client connected (" + client_.name + ")");
+  return Accepted::kClient;
 }
 
 void Server::ReadClient() {
@@ -359,9 +381,9 @@ void Server::HandleInput() {
     // arriving or bytes wait for a frame marker, which is given up once the
     // read-ahead is full (no frame can be that long).
     if (in.size() >= frame_header_size && in[0] == header) {
-      const std::uint32_t length = Le32(in, 5);
+      const std::uint32_t length = get_word(in.data() + 5);
       if (in.size() >= std::size_t{length} + 10) {
-        const std::uint32_t type = Le32(in, 1);
+        const std::uint32_t type = get_word(in.data() + 1);
         DropClient("no message readable from " + std::to_string(in.size()) + " buffered bytes: " +
                    (static_cast<std::int32_t>(type) != frame_type
                         ? "a frame of unknown type " + std::to_string(type)
@@ -397,7 +419,7 @@ void Server::Deliver(const std::vector<Message_RTS>& messages) {
     if (!opt_.quiet) Log("send " + Describe(m));
     view_.Message(sim_.time(), false, m);
     if (client_.out.empty()) client_.last_output = Clock::now();
-    client_.out += Frame(m);
+    client_.out += make_frame(m.str());
   }
   if (!messages.empty()) dirty_ = true;
 }

@@ -4,8 +4,12 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <sstream>
+
+#include "msg/codec.h"
+#include "msg/frame.h"
 
 namespace tarn_sim {
 
@@ -178,7 +182,10 @@ double RobotSim::NextEventIn() const {
   double next = std::numeric_limits<double>::infinity();
   if (busy()) next = kMotionTick;
   if (registered_ && cfg_.report_rate_hz > 0) next = std::min(next, next_report_ - time_);
-  if (error_ != 0) next = std::min(next, error_until_ - time_);
+  // A held error clears only at rest: while the robot moves, the end of its
+  // hold changes nothing, and counting it would make every moment after it
+  // due at once. The motion step that ends the move clears the error.
+  if (error_ != 0 && !busy()) next = std::min(next, error_until_ - time_);
   return std::max(next, 0.0);
 }
 
@@ -490,18 +497,13 @@ namespace tarn_sim {
 
 Screen ScreenFrame(std::string& buffer, std::uint32_t& announced) {
   announced = 0;
-  auto word = [&](std::size_t at) {
-    std::uint32_t v = 0;
-    for (std::size_t i = 0; i < 4; ++i)
-      v |= static_cast<std::uint32_t>(static_cast<unsigned char>(buffer[at + i])) << (8 * i);
-    return v;
-  };
-  if (buffer.size() < 9 || buffer[0] != header) return Screen::kPass;
-  const std::size_t end = 9 + std::size_t{word(5)};  // the terminator's index
+  auto word = [&](std::size_t at) { return get_word(buffer.data() + at); };
+  if (buffer.size() < frame_header_size || buffer[0] != header) return Screen::kPass;
+  const std::size_t end = frame_header_size + std::size_t{word(5)};  // the terminator's index
   if (static_cast<std::int32_t>(word(1)) != frame_type || end >= buffer.size() ||
       buffer[end] != ender)
     return Screen::kPass;
-  std::size_t at = 9 + 4;  // behind head_word
+  std::size_t at = frame_header_size + 4;  // behind head_word
   for (int field = 0; field < 6; ++field) {
     if (at + 4 > end) return Screen::kPass;  // short body: read leniently
     if (field == 2) {                        // the key between the ids and the texts
@@ -517,20 +519,9 @@ Screen ScreenFrame(std::string& buffer, std::uint32_t& announced) {
   const std::uint32_t count = word(at);
   if (count > kMaxActions) {
     announced = count;
-    for (std::size_t i = 0; i < 4; ++i) buffer[at + i] = 0;
+    std::memset(&buffer[at], 0, 4);
   }
   return Screen::kPass;
-}
-
-std::string Frame(Message_RTS& m) {
-  const std::string body = m.str();
-  std::string frame(1, header);
-  for (std::uint32_t word :
-       {static_cast<std::uint32_t>(frame_type), static_cast<std::uint32_t>(body.size())})
-    for (int shift = 0; shift < 32; shift += 8) frame.push_back(static_cast<char>(word >> shift));
-  frame += body;
-  frame.push_back(ender);
-  return frame;
 }
 
 }  // namespace tarn_sim

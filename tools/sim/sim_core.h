@@ -104,8 +104,10 @@ class RobotSim {
   std::vector<Message_RTS> Inject(int code);
 
   // Simulated seconds until something would change without any input: the
-  // next integration step while moving, the next periodic report, or the end
-  // of an error's hold. Infinity when nothing is scheduled.
+  // next integration step while moving, the next periodic report, or, at
+  // rest, the end of an error's hold. Infinity when nothing is scheduled.
+  // Zero only for an event that the next Advance, of any length, handles: a
+  // loop that sleeps this long between calls never spins.
   double NextEventIn() const;
 
   bool registered() const { return registered_; }
@@ -186,9 +188,6 @@ class RobotSim {
 // not a complete frame (the cutter deals with those).
 enum class Screen { kPass, kDiscard };
 Screen ScreenFrame(std::string& buffer, std::uint32_t& announced);
-
-// The complete frame of a message as it goes on the wire.
-std::string Frame(Message_RTS& m);
 
 // One readable line describing a message, for the simulator's log:
 // sender, receiver, key name, integer, the three texts and the actions.

@@ -61,7 +61,6 @@ class ViewLog {
   // sample at most once per simulated second.
   void Sample(const RobotSim& sim);
   void Message(double time, bool incoming, const Message_RTS& m);
-  void ClearTrail() { trail_.clear(); }
 
   // Fills the history fields of a snapshot.
   void Fill(Snapshot& s) const;

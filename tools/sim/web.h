@@ -3,11 +3,28 @@
 // The live view's HTTP side: serves the embedded page, /state and /events
 // from the snapshots the simulation loop publishes, and queues the page's
 // controls for the loop. It never touches the simulation itself: the loop
-// stays single-threaded, and a stalled or flooding browser can only occupy
-// this server's own (bounded, idle-priority) threads.
+// stays single-threaded, and whatever browsers or other clients do costs
+// only this server's one (lower-priority) thread and bounded memory.
+//
+// What it answers, and to whom:
+//   - Only requests whose Host is one of the view's own names: its address,
+//     localhost, 127.0.0.1, [::1] and the names it is given (with or without
+//     its port); others get 421. A page on another site that rebinds its own
+//     name to this address is thereby refused.
+//   - The controls (POST /control/...) only from this view's own origin: an
+//     Origin (or, without one, a Referer) naming another origin gets 403, and
+//     so does a request without Content-Type: application/json, which a page
+//     elsewhere cannot send without a preflight this server never grants.
+//     Listening beyond loopback, the controls also need the token printed at
+//     start, in the X-Tarn-Token header. A refused control changes nothing.
+//   - Bounded requests: the head within 8 KiB and 2 s of its first byte, a
+//     body of at most 4 KiB and only on a control, refused with 413 from the
+//     announced length before any of it is read; a connection waits 2 s for
+//     its first request and 5 s for a later one; output that does not move
+//     for 2 s closes the connection, event streams included.
 
-#include <condition_variable>
-#include <deque>
+#include <atomic>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -15,10 +32,6 @@
 #include <vector>
 
 #include "view.h"
-
-namespace httplib {
-class Server;
-}
 
 namespace tarn_sim {
 
@@ -32,6 +45,19 @@ struct Control {
 // anything else.
 bool ParseControl(const std::string& path, const std::string& code, Control& out);
 
+struct WebOptions {
+  std::string address = "127.0.0.1";  // IPv4 address to listen on
+  int port = 6869;                    // 0: any free port
+  // Further Host names to answer to: the names under which other machines
+  // reach this one when the view listens beyond loopback.
+  std::vector<std::string> names;
+  // Whether the controls need a token, made up at Start (see token()).
+  bool token = false;
+};
+
+// Whether an IPv4 address text lies in 127.0.0.0/8.
+bool IsLoopback(const std::string& address);
+
 class WebServer {
  public:
   WebServer();
@@ -39,14 +65,17 @@ class WebServer {
   WebServer(const WebServer&) = delete;
   WebServer& operator=(const WebServer&) = delete;
 
-  // Binds address:port (0: any free port) and serves from a thread of its
-  // own. False, with the reason, when the port cannot be bound.
-  bool Start(const std::string& address, int port, std::string& error);
+  // Binds and serves from a thread of its own. False, with the reason, when
+  // the address cannot be bound.
+  bool Start(const WebOptions& options, std::string& error);
   void Stop();
   int port() const { return port_; }
+  // What the controls require in X-Tarn-Token: 32 random hexadecimal digits
+  // when the options asked for a token, otherwise empty (none).
+  const std::string& token() const { return token_; }
 
   // Replaces the snapshot every request and subscriber sees next. False,
-  // without waiting, when an HTTP thread holds the lock: try again later.
+  // without waiting, when the HTTP thread holds the lock: try again later.
   bool Publish(std::shared_ptr<const Snapshot> snapshot);
 
   // Readable (eventfd) while controls wait. TakeControls moves the queue
@@ -55,18 +84,19 @@ class WebServer {
   bool TakeControls(std::vector<Control>& out);
 
  private:
-  std::shared_ptr<const Snapshot> Current();
+  struct Loop;  // the HTTP thread's own state, in web.cpp
 
-  std::unique_ptr<httplib::Server> http_;
+  std::unique_ptr<Loop> loop_;
   std::thread thread_;
   int port_ = 0;
+  std::string token_;
   int control_fd_ = -1;
-  std::mutex mutex_;
-  std::condition_variable changed_;
+  int wake_fd_ = -1;                 // tells the HTTP thread about a snapshot or a stop
+  std::atomic<int> subscribers_{0};  // event streams open
+  std::mutex mutex_;                 // guards the three below
   std::shared_ptr<const Snapshot> snapshot_;
   bool stopping_ = false;
-  int subscribers_ = 0;
-  std::deque<Control> controls_;
+  std::vector<Control> controls_;
 };
 
 }  // namespace tarn_sim

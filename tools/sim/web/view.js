@@ -121,8 +121,15 @@ function render(s) {
   document.body.dataset.seq = s.seq;
 }
 
+// The controls take JSON only, which a page of another origin cannot send
+// here; listening beyond loopback they also need the token tarn-sim printed
+// with the view's address (?token=...), which this page passes on.
+const token = new URLSearchParams(location.search).get("token");
+
 function control(path) {
-  return fetch(path, { method: "POST" });
+  const headers = { "Content-Type": "application/json" };
+  if (token) headers["X-Tarn-Token"] = token;
+  return fetch(path, { method: "POST", headers, body: "{}" });
 }
 
 $("pause").addEventListener("click", () => control(last && last.paused ? "/control/resume" : "/control/pause"));
