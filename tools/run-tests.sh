@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Runs every test of the project, after installing the Debian packages it
 # lacks:
-#   1. the suite (Debug): unit, fault, end-to-end, install and packaging,
-#      Python, dissector, browser, VDA 5050 broker and fleet tests, format;
-#   2. the suite again under AddressSanitizer and UBSan;
+#   1. the suite (the dev preset, Debug): every test group (unit, fault,
+#      end-to-end, install and packaging, Python, dissector, browser,
+#      VDA 5050 broker and fleet, format) and the API reference;
+#   2. the suite again under AddressSanitizer and UBSan (the asan preset);
 #   3. the fuzz targets' smoke runs;
 #   4. the demo under valgrind memcheck.
 # A missing prerequisite fails its stage (or the configuration) with a

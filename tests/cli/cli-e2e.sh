@@ -7,10 +7,10 @@
 # be missed for it.
 #   cli-e2e.sh <tarn> <tarn-sim> <python3> <work dir> <shim>
 set -uo pipefail
-sim=$2 python=$3 work=$4 peer=$(dirname "$0")/../e2e/peer.py
+sim=$2 python=$3 work=$4 peer=$(dirname "$0")/../support/peer.py
 tarn=(env "LD_PRELOAD=$5" "ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0" "$1")
 rm -rf "$work" && mkdir -p "$work"
-source "$(dirname "$0")/../e2e/lib.sh"
+source "$(dirname "$0")/../support/lib.sh"
 slow_if_sanitized "$1"
 
 # Checked before any connection is made.
