@@ -66,6 +66,8 @@ TEST(CliParse, CommandsOptionsValuesAndHelp) {
       {"path 1 2 3", "error: path: expects pairs X Y (millimetres), got 3 numbers"},
       {"path", "error: path: expects pairs X Y (millimetres), got 0 numbers"},
       {"status --timeout 0", timeout},
+      {"status --timeout 86400.5", timeout},
+      {"status --timeout 86400", "status; timeout 86400 wait count 0"},
       {"status --timeout", timeout},
       {"watch --count 1.5", "error: --count needs a whole number of reports, at least 1"},
       {"speed 299", "error: speed: 299 is out of range (300 to 1300 mm/s)"},

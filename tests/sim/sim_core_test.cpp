@@ -107,11 +107,14 @@ TEST(SimCore, RefusalsReportAnErrorThatClearsRefusedActionsCloseInOrderAndTurnsA
   // huge number of actions (not decoded) gets one refusal.
   for (const char* turn : {"x 1", "r", "r abc", "r nan", "r 1e999", "1.5"})
     EXPECT_EQ(Brief(sim.Receive(Request(KEY_ORIENTATION, 0, turn))), "5") << turn;
-  for (const Message_RTS& m :
-       {Request(KEY_SET_PARAM, 700, "Jerk"), Request(KEY_SET_PARAM, 0, "Acceleration")})
-    EXPECT_EQ(Brief(sim.Receive(m)), "5") << m.text_param1;
-  for (float x : {NAN, 3e38f})  // 3e41 mm
-    EXPECT_EQ(Brief(sim.Receive(Travel({{x, 0.0f}}))), "action 5");
+  for (const auto& [name, value] : std::vector<std::pair<const char*, int>>{
+           {"Jerk", 700}, {"Speed", 0}, {"Speed", -800}, {"Acceleration", 0}, {"Acceleration", -1}})
+    EXPECT_EQ(Brief(sim.Receive(Request(KEY_SET_PARAM, value, name))), "5") << name << value;
+  // Every coordinate of every way-point is screened.
+  for (float bad : {NAN, 3e38f})  // 3e41 mm
+    for (const auto& path : std::vector<std::vector<std::pair<float, float>>>{
+             {{bad, 0.0f}}, {{0.0f, bad}}, {{1.0f, 0.0f}, {1.0f, bad}}})
+      EXPECT_EQ(Brief(sim.Receive(Travel(path))), "action 5") << path.size() << " " << bad;
   EXPECT_EQ(Brief(sim.Receive(Travel({}), 1000000)), "5");
   EXPECT_EQ(sim.accel_limit(), 800);
   EXPECT_EQ(sim.heading(), 0.0);
@@ -164,7 +167,9 @@ TEST(SimCore, InitKillAndALeavingClient) {
   // once; an INIT out of range (1e306 m is infinite in mm) is not
   // acknowledged (error 5) and leaves it offline.
   EXPECT_EQ(Brief(sim.Receive(Travel({{1.0f, 0.0f}}))), "action 2");
-  EXPECT_EQ(Brief(sim.Receive(Request(KEY_INIT, 0, "1.0", "1e306", "0"))), "5");
+  for (const auto& [x, y] : std::vector<std::pair<const char*, const char*>>{
+           {"1.0", "1e306"}, {"1e306", "1.0"}, {"nan", "1.0"}, {"1.0", "1.0 2"}})
+    EXPECT_EQ(Brief(sim.Receive(Request(KEY_INIT, 0, x, y, "0"))), "5") << x << " " << y;
   sim.Advance(1.0);
   EXPECT_FALSE(sim.online());
   EXPECT_DOUBLE_EQ(sim.x(), x);

@@ -147,7 +147,25 @@ TEST(SimServer, SilentClientMakesWayAndPipelinedFramesAreAllServed) {
   EXPECT_EQ(std::string(got + 9, 22),
             wire::Bytes().i32(0).text("R-0").text("T-0").i32(KEY_DETAIL).s);
   writer.join();
-  ::close(a), ::close(b);
+  // b is not silent: a newcomer is closed at once and b keeps the robot.
+  Send(b, wire::body("T-0", "SV-0", KEY_SET_PARAM, "Speed", "N", "N", 400));
+  const int c = Join();  // closed with its greeting unread: a reset or an end of file
+  EXPECT_TRUE(loopback::wait_readable(c, 20000) && ::recv(c, got, sizeof got, 0) <= 0);
+  // The read-ahead makes room for a large frame in front, and gives up on
+  // bytes that can never start one.
+  std::string big = wire::frame(
+      wire::body("T-0", "SV-0", KEY_SET_PARAM, "Speed", "N", std::string(300000, 'x'), 400));
+  big += wire::frame(wire::body("T-0", "SV-0", KEY_GET_DETAIL));
+  std::string answer;
+  std::thread big_writer([&] { ::send(b, big.data(), big.size(), 0); });
+  EXPECT_TRUE(Await(b, answer, wire::Bytes().text("R-0").text("T-0").i32(KEY_DETAIL).s));
+  big_writer.join();
+  const std::string junk(70000, 'x');
+  EXPECT_EQ(::send(b, junk.data(), junk.size(), 0), static_cast<ssize_t>(junk.size()));
+  for (bool open = true; open && loopback::wait_readable(b, 20000);)
+    open = ::recv(b, got, sizeof got, 0) > 0;
+  EXPECT_EQ(::recv(b, got, sizeof got, MSG_DONTWAIT), 0) << "dropped for its junk";
+  ::close(a), ::close(b), ::close(c);
   g_stop = 1;
   sim.join();
 }
