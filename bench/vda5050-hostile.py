@@ -19,40 +19,28 @@ Prints one line per finding:
 import argparse, json, os, pathlib, queue, subprocess, sys, tempfile, threading, time
 import paho.mqtt.client as mqtt
 
+import vda_bench
+
 ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
 ap.add_argument("sim")
 ap.add_argument("bridge")
 ap.add_argument("--nodes", type=int, default=45000)
 args = ap.parse_args()
 
-if os.environ.get("VDA_BENCH_NS") != "1":
-    if os.geteuid() != 0:
-        sys.exit("vda5050-hostile: needs root for a private network namespace (unshare -n)")
-    os.environ["VDA_BENCH_NS"] = "1"
-    sys.exit(subprocess.call(["unshare", "-n", "sh", "-c", 'ip link set lo up && exec "$@"', "-",
-                              sys.executable, *sys.argv]))
+vda_bench.in_private_namespace("vda5050-hostile")
 
 tmp = tempfile.mkdtemp()
 procs = []
 inbox = queue.Queue()
-PREFIX = "uagv/v2/acme/r1/"
+PREFIX = vda_bench.PREFIX
 
 
 def start(cmd, ready):
-    p = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-    procs.append(p)
-    for line in p.stdout:
-        if ready in line:
-            # The rest is read, so that a chatty program never blocks on a full pipe.
-            threading.Thread(target=lambda: [None for _ in p.stdout], daemon=True).start()
-            return p
-    sys.exit(f"{cmd[0]} ended before it was ready")
+    return vda_bench.start(cmd, ready, procs)
 
 
 def send(topic, **body):
-    body.update(headerId=0, timestamp="2026-01-01T00:00:00.00Z", version="2.1.0",
-                manufacturer="acme", serialNumber="r1")
-    client.publish(PREFIX + topic, json.dumps(body))
+    vda_bench.send(client, topic, **body)
 
 
 def until(pred, what, timeout=60):
