@@ -76,15 +76,7 @@ WebServer::Loop::Loop(WebServer& o) : owner(o) {
       "too many live views open\n");
   http.Post("/control/.*",
             [this](const httplib::Request& req, httplib::Response& res) { Queue(req, res); });
-  http.Get("/.*", [](const httplib::Request& req, httplib::Response& res) {
-    const WebAsset* a = FindAsset(req.path == "/" ? "/index.html" : req.path);
-    if (!a) return tarn_web::Reply(res, 404, "not found\n");
-    res.set_content(a->data, a->size, a->content_type);
-    // The page may not be framed by another site, which could otherwise lay
-    // it under its own buttons and have the user click the controls.
-    res.set_header("Content-Security-Policy", "default-src 'self'; frame-ancestors 'none'");
-    res.set_header("X-Frame-Options", "DENY");
-  });
+  http.Pages(tarn_web::FindAsset);
 }
 
 bool WebServer::Loop::TakeSnapshot() {

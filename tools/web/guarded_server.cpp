@@ -280,6 +280,18 @@ bool GuardedServer::Listen(const Options& options, std::string& error) {
   return true;
 }
 
+void GuardedServer::Pages(const WebAsset* (*find)(const std::string& path)) {
+  Get("/.*", [find](const httplib::Request& req, httplib::Response& res) {
+    const WebAsset* a = find(req.path == "/" ? "/index.html" : req.path);
+    if (!a) return Reply(res, 404, "not found\n");
+    res.set_content(a->data, a->size, a->content_type);
+    // The page may not be framed by another site, which could otherwise lay
+    // it under its own buttons and have the user click them.
+    res.set_header("Content-Security-Policy", "default-src 'self'; frame-ancestors 'none'");
+    res.set_header("X-Frame-Options", "DENY");
+  });
+}
+
 void GuardedServer::Events(const std::string& path,
                            std::function<std::shared_ptr<const std::string>()> newest,
                            const std::string& busy) {

@@ -43,6 +43,7 @@
 #include <vector>
 
 #include "guard.h"
+#include "web_assets.h"
 
 namespace tarn_web {
 
@@ -83,6 +84,10 @@ class GuardedServer : private httplib::Server {
   // serves HEAD too. Handlers run on the thread that calls Service().
   using httplib::Server::Get;
   using httplib::Server::Post;
+
+  // The embedded page at / and its other files by name, for GET; 404 for
+  // any other path. Routes given earlier come first.
+  void Pages(const WebAsset* (*find)(const std::string& path));
 
   // Server-sent events at `path`. A subscriber gets newest() at once (when
   // it differs from the last event broadcast, every other subscriber gets it
