@@ -15,7 +15,7 @@
 set(TARN_SERVER_ADDRESS "127.0.0.1" CACHE STRING "IPv4 address of the control server, compiled into the library")
 
 # --- What is built ------------------------------------------------------------
-option(TARN_BUILD_TOOLS "Build tarn, and tarn-sim / tarn-vda5050 where their packages are present" ON)
+option(TARN_BUILD_TOOLS "Build tarn, and tarn-sim / tarn-vda5050 / tarn-fleet-view where their packages are present" ON)
 option(TARN_BUILD_EXAMPLES "Build the demo and the examples" ON)
 option(TARN_BUILD_PYTHON "Build the Python bindings where pybind11 and python3-dev are present" ON)
 option(TARN_BUILD_DOCS "Build the API reference with Doxygen (the docs target)" OFF)

@@ -1,29 +1,16 @@
 #pragma once
 
-// The live view's HTTP side: serves the embedded page, /state and /events
-// from the snapshots the simulation loop publishes, and queues the page's
-// controls for the loop. It never touches the simulation itself: the loop
-// stays single-threaded, and whatever browsers or other clients do costs
-// only this server's one (lower-priority) thread and bounded memory.
+// The live view's routes: the embedded page, /state and /events from the
+// snapshots the simulation loop publishes, and the page's controls, queued
+// for the loop. It never touches the simulation itself: the loop stays
+// single-threaded, and whatever browsers or other clients do costs only this
+// server's one (lower-priority) thread and bounded memory.
 //
-// What it answers, and to whom:
-//   - Only requests whose Host is one of the view's own names: its address,
-//     localhost, 127.0.0.1, [::1] and the names it is given (with or without
-//     its port); others get 421. A page on another site that rebinds its own
-//     name to this address is thereby refused.
-//   - The controls (POST /control/...) only from this view's own origin: an
-//     Origin (or, without one, a Referer) naming another origin gets 403, and
-//     so does a request without Content-Type: application/json, which a page
-//     elsewhere cannot send without a preflight this server never grants.
-//     Listening beyond loopback, the controls also need the token printed at
-//     start, in the X-Tarn-Token header. A refused control changes nothing.
-//   - Bounded requests: the head within 8 KiB and 2 s of its first byte, a
-//     body of at most 4 KiB and only on a control, refused with 413 from the
-//     announced length before any of it is read; a connection waits 2 s for
-//     its first request and 5 s for a later one; output that does not move
-//     for 2 s closes the connection, event streams included.
+// The HTTP side is the tools' guarded server (tools/web/guarded_server.h):
+// only its own Host names, controls (POST /control/...) only from its own
+// origin as application/json, and, beyond loopback, with the token printed at
+// start in X-Tarn-Token; bounded requests, deadlines on every connection.
 
-#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -31,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "guard.h"
 #include "view.h"
 
 namespace tarn_sim {
@@ -55,8 +43,7 @@ struct WebOptions {
   bool token = false;
 };
 
-// Whether an IPv4 address text lies in 127.0.0.0/8.
-bool IsLoopback(const std::string& address);
+using tarn_web::IsLoopback;
 
 class WebServer {
  public:
@@ -91,9 +78,8 @@ class WebServer {
   int port_ = 0;
   std::string token_;
   int control_fd_ = -1;
-  int wake_fd_ = -1;                 // tells the HTTP thread about a snapshot or a stop
-  std::atomic<int> subscribers_{0};  // event streams open
-  std::mutex mutex_;                 // guards the three below
+  int wake_fd_ = -1;  // tells the HTTP thread about a snapshot or a stop
+  std::mutex mutex_;  // guards the three below
   std::shared_ptr<const Snapshot> snapshot_;
   bool stopping_ = false;
   std::vector<Control> controls_;
