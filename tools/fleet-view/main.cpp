@@ -24,6 +24,7 @@
 
 #include "fleet.h"
 #include "guarded_server.h"
+#include "tools/common/broker.h"
 #include "tools/common/exit_status.h"
 
 namespace {
@@ -49,12 +50,8 @@ void Usage(std::ostream& out) {
          "state and errors. Reads <interface>/v2/+/+/connection, state,\n"
          "visualization and factsheet; publishes nothing.\n"
          "\n"
-         "  --host H              broker host (default 127.0.0.1)\n"
-         "  --port N              broker port (default 1883, 8883 with --cafile)\n"
-         "  --unix PATH           broker's Unix socket instead of host and port\n"
-         "  --user U --password P broker credentials\n"
-         "  --cafile F            TLS, trusting the CA certificates in F\n"
-         "  --interface NAME      first topic level (default uagv)\n"
+      << kBrokerHelp
+      << "  --interface NAME      first topic level (default uagv)\n"
          "  --http-address A      IPv4 address of the page (default 127.0.0.1). Any other\n"
          "                        than loopback shows the fleet to whoever reaches it\n"
          "  --http-port N         port of the page (default 6870; 0: any free one)\n"
@@ -74,8 +71,8 @@ void Usage(std::ostream& out) {
 }
 
 struct Options {
-  std::string host = "127.0.0.1", unix_path, user, password, cafile, interface_name = "uagv";
-  int port = 0;
+  BrokerOptions broker;
+  std::string interface_name = "uagv";
   tarn_web::GuardedServer::Options http;
   fleet::Limits limits;
 };
@@ -89,20 +86,16 @@ bool Number(const char* text, double& out, double low, double high) {
 // Fills options; returns false with a message on standard error.
 bool Parse(int argc, char** argv, Options& o) {
   o.http.port = 6870;
-  std::unordered_map<std::string, std::string*> texts{{"--host", &o.host},
-                                                      {"--unix", &o.unix_path},
-                                                      {"--user", &o.user},
-                                                      {"--password", &o.password},
-                                                      {"--cafile", &o.cafile},
-                                                      {"--interface", &o.interface_name},
+  std::unordered_map<std::string, std::string*> texts{{"--interface", &o.interface_name},
                                                       {"--http-address", &o.http.address}};
+  o.broker.AddTo(texts);
   struct Bounded {
     double low, high;
     bool whole;
     std::function<void(double)> set;
   };
   std::unordered_map<std::string, Bounded> numbers{
-      {"--port", {1, 65535, true, [&](double v) { o.port = static_cast<int>(v); }}},
+      {"--port", {1, 65535, true, [&](double v) { o.broker.port = static_cast<int>(v); }}},
       {"--http-port", {0, 65535, true, [&](double v) { o.http.port = static_cast<int>(v); }}},
       {"--max-vehicles",
        {1, 100000, true, [&](double v) { o.limits.max_vehicles = static_cast<std::size_t>(v); }}},
@@ -136,7 +129,6 @@ bool Parse(int argc, char** argv, Options& o) {
     std::cerr << "tarn-fleet-view: '" << o.interface_name << "' cannot be a topic level\n";
     return false;
   }
-  if (o.port == 0) o.port = o.cafile.empty() ? 1883 : 8883;
   return true;
 }
 
@@ -199,14 +191,6 @@ int Run(const Options& o) {
   // it drops larger messages instead of handing them to libmosquitto, which
   // would hold each whole in memory before the size could be checked here.
   mosquitto_int_option(m.mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
-  if (!o.user.empty())
-    mosquitto_username_pw_set(m.mosq, o.user.c_str(),
-                              o.password.empty() ? nullptr : o.password.c_str());
-  if (!o.cafile.empty() && mosquitto_tls_set(m.mosq, o.cafile.c_str(), nullptr, nullptr, nullptr,
-                                             nullptr) != MOSQ_ERR_SUCCESS) {
-    std::cerr << "tarn-fleet-view: cannot use the CA file " << o.cafile << "\n";
-    return kUsage;
-  }
   mosquitto_connect_callback_set(m.mosq, [](mosquitto* mosq, void* data, int rc) {
     Mqtt& m = *static_cast<Mqtt*>(data);
     if (rc != 0) {
@@ -233,14 +217,10 @@ int Run(const Options& o) {
   // The payload, and room for a topic and the properties of a publication.
   mosquitto_property_add_int32(&properties, MQTT_PROP_MAXIMUM_PACKET_SIZE,
                                static_cast<std::uint32_t>(o.limits.max_payload + 4096));
-  const int rc =
-      mosquitto_connect_bind_v5(m.mosq, o.unix_path.empty() ? o.host.c_str() : o.unix_path.c_str(),
-                                o.unix_path.empty() ? o.port : 0, 15, nullptr, properties);
+  BrokerLink link(m.mosq, "tarn-fleet-view");
+  const int opened = link.Open(o.broker, 15, properties);
   mosquitto_property_free_all(&properties);
-  if (rc != MOSQ_ERR_SUCCESS) {
-    std::cerr << "tarn-fleet-view: broker unreachable: " << mosquitto_strerror(rc) << "\n";
-    return kBroker;
-  }
+  if (opened != kOk) return opened;
 
   if (!tarn_web::IsLoopback(o.http.address))
     std::cerr << "tarn-fleet-view: warning: the page listens on " << o.http.address
@@ -250,8 +230,7 @@ int Run(const Options& o) {
             << http.port() << "/" << std::endl;
 
   std::vector<pollfd> fds;
-  Clock::time_point next_publish = Clock::now(), next_retry = Clock::now();
-  bool link = true;  // a connection to the broker is up or being acknowledged
+  Clock::time_point next_publish = Clock::now();
   while (!g_stop && !m.refused) {
     const Clock::time_point now = Clock::now();
     if (Seconds(m) >= fleet.NextExpiry()) fleet.Expire(Seconds(m));
@@ -263,8 +242,7 @@ int Run(const Options& o) {
       next_publish = now + kPublishPeriod;
     }
 
-    fds.assign(1, {mosquitto_socket(m.mosq), POLLIN, 0});
-    if (mosquitto_want_write(m.mosq)) fds[0].events |= POLLOUT;
+    fds.assign(1, link.Entry());
     Clock::time_point wake = now + std::chrono::seconds(1);  // libmosquitto's keep-alive
     if (http.streams() > 0 && published != fleet.seq()) wake = std::min(wake, next_publish);
     const double expiry = fleet.NextExpiry() - Seconds(m);
@@ -274,28 +252,13 @@ int Run(const Options& o) {
     http.Prepare(fds, wake);
     if (poll(fds.data(), fds.size(), tarn_web::PollTimeout(wake)) < 0 && errno != EINTR) break;
 
-    int mrc = MOSQ_ERR_SUCCESS;
-    if (fds[0].revents & (POLLIN | POLLERR | POLLHUP)) mrc = mosquitto_loop_read(m.mosq, 1);
-    if (mrc == MOSQ_ERR_SUCCESS && (fds[0].revents & POLLOUT))
-      mrc = mosquitto_loop_write(m.mosq, 1);
-    if (mrc == MOSQ_ERR_SUCCESS) mrc = mosquitto_loop_misc(m.mosq);
-    if (mrc != MOSQ_ERR_SUCCESS && link) {
-      std::cerr << "tarn-fleet-view: broker connection lost: " << mosquitto_strerror(mrc) << "\n";
-      link = m.connected = false;
+    if (link.Service(fds[0].revents, m.connected)) {
+      m.connected = false;
       fleet.Broker(false);
-    }
-    // Tried again once a second; not while a connection waits for its
-    // acknowledgement.
-    if (!link && Clock::now() >= next_retry) {
-      next_retry = Clock::now() + std::chrono::seconds(1);
-      link = mosquitto_reconnect(m.mosq) == MOSQ_ERR_SUCCESS;
     }
     http.Service(fds.data() + 1);
   }
-  if (m.connected) {
-    mosquitto_disconnect(m.mosq);
-    mosquitto_loop_write(m.mosq, 1);
-  }
+  if (m.connected) link.Close(std::chrono::milliseconds(0));
   return m.refused ? kBroker : kOk;
 }
 

@@ -21,6 +21,7 @@
 #include "bridge.h"
 #include "robot/events.h"
 #include "tarn_config.h"
+#include "tools/common/broker.h"
 #include "tools/common/exit_status.h"
 
 namespace {
@@ -58,16 +59,12 @@ void Usage(std::ostream& out) {
          " a VDA 5050 vehicle on an MQTT broker,\n"
          "under the topics <interface>/v2/<manufacturer>/<serial>/...\n"
          "\n"
-         "  --host H            broker host (default 127.0.0.1)\n"
-         "  --port N            broker port (default 1883, 8883 with --cafile)\n"
-         "  --unix PATH         broker's Unix socket instead of host and port\n"
-         "  --user U --password P   broker credentials\n"
-         "  --cafile F          TLS, trusting the CA certificates in F\n"
-         "  --interface NAME    first topic level (default uagv)\n"
-         "  --map-id ID         the one map this robot knows (default map)\n"
-         "  --viz-rate HZ       visualization messages per second, 0 for none (default 1)\n"
-         "  --state-interval S  state at least every S seconds (default 30)\n"
-         "  --battery V0 V1     voltages read as 0 % and 100 % charge (default 22.0 26.4)\n"
+      << kBrokerHelp
+      << "  --interface NAME      first topic level (default uagv)\n"
+         "  --map-id ID           the one map this robot knows (default map)\n"
+         "  --viz-rate HZ         visualization messages per second, 0 for none (default 1)\n"
+         "  --state-interval S    state at least every S seconds (default 30)\n"
+         "  --battery V0 V1       voltages read as 0 % and 100 % charge (default 22.0 26.4)\n"
          "\n"
       << kExitStatusHelp;
 }
@@ -87,8 +84,7 @@ struct RobotCommands : vda::RobotPort {
 
 struct Options {
   vda::Config config;
-  std::string host = "127.0.0.1", unix_path, user, password, cafile;
-  int port = 0;
+  BrokerOptions broker;
   double viz_rate = 1, state_interval = 30;
 };
 
@@ -100,15 +96,11 @@ bool Number(const char* text, double& out) {
 
 // Fills options; returns false with a message on standard error.
 bool Parse(int argc, char** argv, Options& o) {
-  std::unordered_map<std::string, std::string*> texts{{"--host", &o.host},
-                                                      {"--unix", &o.unix_path},
-                                                      {"--user", &o.user},
-                                                      {"--password", &o.password},
-                                                      {"--cafile", &o.cafile},
-                                                      {"--interface", &o.config.interface_name},
+  std::unordered_map<std::string, std::string*> texts{{"--interface", &o.config.interface_name},
                                                       {"--map-id", &o.config.map_id},
                                                       {"--manufacturer", &o.config.manufacturer},
                                                       {"--serial", &o.config.serial}};
+  o.broker.AddTo(texts);
   std::unordered_map<std::string, double*> numbers{{"--viz-rate", &o.viz_rate},
                                                    {"--state-interval", &o.state_interval}};
   bool have_manufacturer = false, have_serial = false;
@@ -159,7 +151,7 @@ bool Parse(int argc, char** argv, Options& o) {
       return false;
     }
   }
-  o.port = port > 0 ? static_cast<int>(port) : o.cafile.empty() ? 1883 : 8883;
+  o.broker.port = static_cast<int>(port);
   o.config.state_interval = o.state_interval;
   o.config.visualization_interval = o.viz_rate > 0 ? 1 / o.viz_rate : 0;
   return true;
@@ -170,12 +162,16 @@ struct Mqtt {
   vda::Bridge* bridge = nullptr;
   bool connected = false;
   bool refused = false;
+  int acknowledged = -1;  // the id of the last publication the broker acknowledged
 };
 
-void Publish(Mqtt& m, const std::string& topic, const vda::Json& message, int qos, bool retain) {
+// Returns the message id (0 when it could not be queued).
+int Publish(Mqtt& m, const std::string& topic, const vda::Json& message, int qos, bool retain) {
   const std::string text = message.dump();
-  mosquitto_publish(m.mosq, nullptr, topic.c_str(), static_cast<int>(text.size()), text.data(), qos,
+  int mid = 0;
+  mosquitto_publish(m.mosq, &mid, topic.c_str(), static_cast<int>(text.size()), text.data(), qos,
                     retain);
+  return mid;
 }
 
 int Run(const Options& o) {
@@ -203,14 +199,6 @@ int Run(const Options& o) {
   const std::string will = bridge.Connection(Now(), "CONNECTIONBROKEN").dump();
   mosquitto_will_set(m.mosq, bridge.Topic("connection").c_str(), static_cast<int>(will.size()),
                      will.data(), 1, true);
-  if (!o.user.empty())
-    mosquitto_username_pw_set(m.mosq, o.user.c_str(),
-                              o.password.empty() ? nullptr : o.password.c_str());
-  if (!o.cafile.empty() && mosquitto_tls_set(m.mosq, o.cafile.c_str(), nullptr, nullptr, nullptr,
-                                             nullptr) != MOSQ_ERR_SUCCESS) {
-    std::cerr << "tarn-vda5050: cannot use the CA file " << o.cafile << "\n";
-    return kUsage;
-  }
   mosquitto_connect_callback_set(m.mosq, [](mosquitto* mosq, void* data, int rc) {
     Mqtt& m = *static_cast<Mqtt*>(data);
     if (rc != 0) {
@@ -226,6 +214,9 @@ int Run(const Options& o) {
     Publish(m, m.bridge->Topic("connection"), m.bridge->Connection(Now(), "ONLINE"), 1, true);
     Publish(m, m.bridge->Topic("factsheet"), m.bridge->Factsheet(Now()), 0, true);
   });
+  mosquitto_publish_callback_set(m.mosq, [](mosquitto*, void* data, int mid) {
+    static_cast<Mqtt*>(data)->acknowledged = mid;
+  });
   mosquitto_message_callback_set(m.mosq, [](mosquitto*, void* data, const mosquitto_message* msg) {
     Mqtt& m = *static_cast<Mqtt*>(data);
     const std::string payload(static_cast<const char*>(msg->payload), msg->payloadlen);
@@ -235,17 +226,16 @@ int Run(const Options& o) {
   });
   // The standard asks for a heartbeat around 15 s, so that a vanished bridge
   // is declared CONNECTIONBROKEN soon.
-  const int rc = o.unix_path.empty() ? mosquitto_connect(m.mosq, o.host.c_str(), o.port, 15)
-                                     : mosquitto_connect(m.mosq, o.unix_path.c_str(), 0, 15);
-  if (rc != MOSQ_ERR_SUCCESS) {
-    std::cerr << "tarn-vda5050: broker unreachable: " << mosquitto_strerror(rc) << "\n";
-    return kBroker;
+  BrokerLink link(m.mosq, "tarn-vda5050");
+  if (const int opened = link.Open(o.broker, 15); opened != kOk) {
+    mosquitto_destroy(m.mosq);
+    mosquitto_lib_cleanup();
+    return opened;
   }
 
   const auto viz_period = std::chrono::duration<double>(o.viz_rate > 0 ? 1 / o.viz_rate : 0);
   const auto state_period = std::chrono::duration<double>(o.state_interval);
-  Clock::time_point next_viz = Clock::now(), next_state = Clock::now(), next_retry = Clock::now();
-  bool link = true;  // a connection to the broker is up or being acknowledged
+  Clock::time_point next_viz = Clock::now(), next_state = Clock::now();
   int exit_code = kOk;
   for (;;) {
     // Sends what the bridge queued last time round and hands it what the
@@ -273,47 +263,24 @@ int Run(const Options& o) {
 
     // Wait for either connection, or the next periodic message. What the
     // bridge queued just now goes out as soon as the connection takes it.
-    pollfd fds[2] = {{mosquitto_socket(m.mosq), POLLIN, 0}, events.poll_entry()};
-    if (mosquitto_want_write(m.mosq)) fds[0].events |= POLLOUT;
+    pollfd fds[2] = {link.Entry(), events.poll_entry()};
     Clock::time_point wake = std::min(next_state, now + std::chrono::seconds(1));
     if (o.viz_rate > 0) wake = std::min(wake, next_viz);
     if (events.backlog()) wake = now;
     const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(wake - now).count();
     poll(fds, 2, static_cast<int>(std::max<long long>(0, wait)));
-    int mrc = MOSQ_ERR_SUCCESS;
-    if (fds[0].revents & (POLLIN | POLLERR | POLLHUP)) mrc = mosquitto_loop_read(m.mosq, 1);
-    if (mrc == MOSQ_ERR_SUCCESS && (fds[0].revents & POLLOUT))
-      mrc = mosquitto_loop_write(m.mosq, 1);
-    if (mrc == MOSQ_ERR_SUCCESS) mrc = mosquitto_loop_misc(m.mosq);
-    if (mrc != MOSQ_ERR_SUCCESS && link) {
-      if (m.connected)
-        std::cerr << "tarn-vda5050: broker connection lost: " << mosquitto_strerror(mrc) << "\n";
-      link = m.connected = false;
-    }
-    // The robot keeps driving its order while the broker is away; the link
-    // is tried again once a second. (Not while a connection waits for its
-    // acknowledgement: a second one would make the broker drop the first and
-    // publish its last will.)
-    if (!link && Clock::now() >= next_retry) {
-      next_retry = Clock::now() + std::chrono::seconds(1);
-      link = mosquitto_reconnect(m.mosq) == MOSQ_ERR_SUCCESS;
-    }
+    // The robot keeps driving its order while the broker is away.
+    if (link.Service(fds[0].revents, m.connected)) m.connected = false;
   }
 
   // Orderly stop: the retained connection state says why the vehicle left.
   // A lost control server is CONNECTIONBROKEN, the state sent just before
   // carries the fatal error.
   if (m.connected) {
-    Publish(m, bridge.Topic("connection"),
-            bridge.Connection(Now(), exit_code == kOk ? "OFFLINE" : "CONNECTIONBROKEN"), 1, true);
-    // Let the QoS 1 publication go out before disconnecting, bounded in time.
-    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(2);
-    while (mosquitto_want_write(m.mosq) && Clock::now() < deadline) {
-      pollfd fd{mosquitto_socket(m.mosq), POLLOUT, 0};
-      if (poll(&fd, 1, 100) > 0 && mosquitto_loop_write(m.mosq, 1) != MOSQ_ERR_SUCCESS) break;
-    }
-    mosquitto_disconnect(m.mosq);
-    mosquitto_loop_write(m.mosq, 1);
+    const int last = Publish(
+        m, bridge.Topic("connection"),
+        bridge.Connection(Now(), exit_code == kOk ? "OFFLINE" : "CONNECTIONBROKEN"), 1, true);
+    link.Close(std::chrono::seconds(2), [&] { return m.acknowledged == last; });
   }
   mosquitto_destroy(m.mosq);
   mosquitto_lib_cleanup();
