@@ -6,7 +6,7 @@
 # over the view's size limit never reaches it. Runs in a private network
 # namespace (root). Leaves fleet-view.png (mid-order) in the working directory.
 
-import json, os, pathlib, shutil, signal, subprocess, tempfile, time, urllib.request
+import http.client as http_client, json, os, pathlib, shutil, signal, subprocess, tempfile, time, urllib.request
 
 import paho.mqtt.client as mqtt
 from selenium import webdriver
@@ -86,6 +86,14 @@ def test_fleet_view_shows_every_vehicle_on_its_way_and_marks_the_lost():
         started(procs, [os.environ["MOSQUITTO"], "-c", os.path.join(tmp, "mosquitto.conf")], " running")
         _, line = started(procs, [VIEW, "--http-port", "0", "--offline-keep", "1"], "fleet view: ")
         url = line.split()[2]
+        # Guarded as the live view: only its own names, and it only reads.
+        address, port = url.split("/")[2].split(":")
+        for method, headers, status in (("GET", {"Host": "evil.example"}, 421), ("GET", {}, 200),
+                                        ("POST", {"Content-Type": "application/json"}, 405)):
+            http = http_client.HTTPConnection(address, int(port), timeout=5)
+            http.request(method, "/state", headers=headers)
+            assert (method, http.getresponse().status) == (method, status), headers
+            http.close()
         client.connect("127.0.0.1", 1883)
         client.loop_start()
         for serial in SERIALS:
