@@ -43,7 +43,7 @@ state's own timestamp (the bridge's clock, the same machine's, milliseconds).
 Prints a block per fleet size, then each size's cost per robot against the
 first size's.
 """
-import argparse, json, math, os, pathlib, random, selectors, shutil, signal, socket, subprocess
+import argparse, http.client, json, math, os, pathlib, random, selectors, shutil, signal, socket, subprocess
 import sys, tempfile, threading, time, ctypes
 from datetime import datetime
 import paho.mqtt.client as mqtt
@@ -62,6 +62,9 @@ ap.add_argument("--joined-from", choices=("edge", "centre"), default="edge",
                 help="which side opens each broker bridge's connection (default edge)")
 ap.add_argument("--quickack", action="store_true",
                 help="loopback routes with `quickack 1`: no delayed acknowledgements between brokers")
+ap.add_argument("--view", metavar="PROGRAM",
+                help="also run this tarn-fleet-view on the master's broker, with one page reading "
+                     "its events, and measure it")
 ap.add_argument("--threaded", action="store_true",
                 help="a master as often written: paho's network thread (loop_start), every "
                      "message parsed as it arrives")
@@ -192,6 +195,37 @@ class Drain(threading.Thread):
             os.close(fd)
 
 
+class Page(threading.Thread):
+    """One open page of the fleet view: reads its event stream as a browser
+    would, counting the snapshots and their bytes, and keeps the last one."""
+
+    def __init__(self, address, port):
+        super().__init__(daemon=True)
+        self.conn = http.client.HTTPConnection(address, port, timeout=None)
+        self.conn.request("GET", "/events")
+        # A second descriptor of the connection, to shut it down from stop()
+        # (the response takes the connection's own over).
+        self.sock = socket.socket(fileno=os.dup(self.conn.sock.fileno()))
+        self.response = self.conn.getresponse()
+        assert self.response.status == 200, self.response.status
+        self.events = self.bytes = 0
+        self.last = None
+
+    def run(self):
+        try:
+            for line in self.response:
+                if line.startswith(b"data: "):
+                    self.events, self.bytes, self.last = self.events + 1, self.bytes + len(line), line[6:]
+        except (OSError, ValueError, http.client.HTTPException):
+            pass  # closed by stop()
+
+    def stop(self):
+        self.sock.shutdown(socket.SHUT_RDWR)
+        self.join(5)
+        self.sock.close()
+        self.response.close()
+
+
 def start(cmd, **kw):
     return subprocess.Popen(cmd, preexec_fn=die_with_master, **kw)
 
@@ -229,6 +263,7 @@ class Fleet:
         self.echo = None  # the latency phase's handler, when active
         self.changed = threading.Condition()  # held while a message is handled
         self.drain = None
+        self.view = self.page = None
 
     # -- processes ----------------------------------------------------------
 
@@ -268,6 +303,18 @@ class Fleet:
         # (Bridges opened by the centre retry until their edge listens.)
         wait_ready(self.brokers[1:], b" running", 10)
 
+    def start_view(self):
+        """tarn-fleet-view on the master's broker, and one page open on it."""
+        self.view = start([args.view, "--http-port", "0"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.procs.append(self.view)
+        for line in self.view.stdout:
+            if line.startswith(b"fleet view: "):
+                address, port = line.split()[2].decode().split("/")[2].split(":")
+                self.page = Page(address, int(port))
+                self.page.start()
+                return
+        raise Fail(f"tarn-fleet-view exited with {self.view.wait()} before it served its page")
+
     def start_robots(self):
         log = open(os.path.join(self.tmp, "bridges.log"), "ab")
         for s in self.serials:
@@ -277,7 +324,8 @@ class Fleet:
             self.procs.append(self.sims[s])
         wait_ready(list(self.sims.values()), b"listen at", 30)
         self.drain = Drain([b.stdout.fileno() for b in self.brokers] +
-                           [p.stdout.fileno() for p in self.sims.values()])
+                           [p.stdout.fileno() for p in self.sims.values()] +
+                           ([self.view.stdout.fileno()] if self.view else []))
         self.drain.start()
         # The bridge gives up on its control server after 10 s, so it starts
         # only once its simulator listens.
@@ -300,6 +348,8 @@ class Fleet:
                 p.kill()
         for p in self.procs:
             p.wait()
+        if self.page:
+            self.page.stop()
         if self.drain:
             self.drain.stop()
         for p in self.procs:
@@ -393,6 +443,8 @@ class Fleet:
         reads them first, so that the reading itself stays out of the window."""
         pids = {"broker": [b.pid for b in self.brokers], "bridge": [self.bridges[s].pid for s in self.serials],
                 "sim": [self.sims[s].pid for s in self.serials]}
+        if self.view:
+            pids["view"] = [self.view.pid]
         if not opening:
             t, mine = time.perf_counter(), usage(os.getpid())
         used = {k: [usage(p) for p in v] for k, v in pids.items()}
@@ -484,18 +536,30 @@ class Fleet:
             st = self.state.get(s)
             return (st is not None and st["orderId"] == "square" and st["lastNodeId"] == last
                     and not st["nodeStates"] and not st["driving"])
-        a = self.snapshot()
+        a, page = self.snapshot(), (self.page.events, self.page.bytes) if self.page else None
         try:
             self.pump(lambda: all(map(done, self.serials)), 120, "every square driven")
         except Fail:
             pass
         finished = sum(map(done, self.serials))
         errors = sum(bool(self.state.get(s, {}).get("errors")) for s in self.serials)
-        return dict(finished=finished, errors=errors, used=self.spent(a, self.snapshot(False)))
+        used = self.spent(a, self.snapshot(False))
+        result = dict(finished=finished, errors=errors, used=used)
+        if self.page:
+            # What the page was sent while the squares were driven, and what it
+            # showed at their end (the view sends at most 10 snapshots a second).
+            self.pump(None, 1, "the view's last snapshot", until=time.perf_counter() + 0.3)
+            events, size = self.page.events - page[0], self.page.bytes - page[1]
+            shown = json.loads(self.page.last)["vehicles"] if self.page.last else []
+            result["view"] = dict(events_per_s=events / used[1], event_bytes=size / max(1, events),
+                                  shown=len(shown), online=sum(v["connection"] == "ONLINE" for v in shown),
+                                  finished=sum(v["lastNodeId"] == last and not v["nodes"] for v in shown))
+        return result
 
     def memories(self):
         return {k: [memory(p.pid) for p in v.values()] for k, v in
-                (("bridge", self.bridges), ("sim", self.sims))} | {"broker": [memory(b.pid) for b in self.brokers]}
+                (("bridge", self.bridges), ("sim", self.sims))} | {"broker": [memory(b.pid) for b in self.brokers]} | (
+                    {"view": [memory(self.view.pid)]} if self.view else {})
 
 
 def mean(v):
@@ -510,6 +574,8 @@ def measure(n):
     try:
         fleet.start_brokers()
         fleet.connect()
+        if args.view:
+            fleet.start_view()
         if args.brokers > 1:
             fleet.pump(lambda: len(fleet.links) == args.brokers, 10, "every edge broker joined")
         fleet.start_robots()
@@ -538,13 +604,14 @@ def measure(n):
     def total(used, kind, i=0):  # seconds summed over the kind's processes
         return sum(x[i] for x in used[0][kind])
 
+    kinds = ("bridge", "sim", "broker", "master") + (("view",) if args.view else ())
     orders = n * lat["rounds"]
     lu = lat["used"]
     return dict(
         n=n, brokers=args.brokers, load_start=load, load_end=loadavg(), startup_s=startup,
         idle_s=idle[1], route_s=route["used"][1],
-        cpu_idle={k: per_s(idle, k) for k in ("bridge", "sim", "broker", "master")},
-        cpu_route={k: per_s(route["used"], k) for k in ("bridge", "sim", "broker", "master")},
+        cpu_idle={k: per_s(idle, k) for k in kinds},
+        cpu_route={k: per_s(route["used"], k) for k in kinds},
         cpu_max_bridge_idle=max(r for r, _ in idle[0]["bridge"]) / idle[1] * 1000,
         rss_kb={k: mean([r for r, _ in v]) for k, v in mem.items()},
         rss_max_kb={k: max(r for r, _ in v) for k, v in mem.items()},
@@ -560,9 +627,10 @@ def measure(n):
         # CPU and run-queue waiting per order while rounds were under way (us),
         # all processes of a kind together (the simulators only keep reporting).
         per_order_us={k: {"cpu": total(lu, k) / orders * 1e6, "wait": total(lu, k, 1) / orders * 1e6}
-                      for k in ("bridge", "sim", "broker", "master")},
+                      for k in kinds},
         latency_phase_s=lu[1],
         routes=dict(finished=route["finished"], errors=route["errors"]),
+        view=route.get("view"),
     )
 
 
@@ -590,6 +658,12 @@ def report(r):
         f" (rounds under way {r['latency_phase_s'] * 1000:.0f} ms in all)")
     print(f"  routes finished: {r['routes']['finished']} of {r['n']}"
           f" ({r['routes']['errors']} with errors)")
+    if r["view"]:
+        v = r["view"]
+        print(f"  fleet view: CPU ms/s idle {ci['view']:.2f}, route {c['view']:.2f}; RSS "
+              f"{r['rss_kb']['view']:.0f} kB; its page got {v['events_per_s']:.1f} snapshots/s of "
+              f"{v['event_bytes'] / 1024:.1f} KiB during the route and showed {v['shown']} vehicles, "
+              f"{v['online']} online, {v['finished']} with their square finished")
 
 
 results = []
