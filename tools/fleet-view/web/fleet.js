@@ -3,18 +3,9 @@
 // is fitted to their poses and remaining nodes.
 "use strict";
 
-const SVG = "http://www.w3.org/2000/svg";
-const $ = (id) => document.getElementById(id);
 const COLOURS = ["#1f6feb", "#2b8a3e", "#ae3ec9", "#e67700", "#0c8599", "#5f3dc4", "#c2255c", "#5c940d", "#1864ab", "#862e9c"];
 // A vehicle without a factsheet is drawn this size (metres: length, width).
 const DEFAULT_SIZE = [0.9, 0.6];
-
-function el(name, attrs, parent) {
-  const e = document.createElementNS(SVG, name);
-  for (const k in attrs) e.setAttribute(k, attrs[k]);
-  if (parent) parent.appendChild(e);
-  return e;
-}
 
 function html(name, attrs, parent, text) {
   const e = document.createElement(name);
@@ -29,12 +20,6 @@ function colour(id) {
   let h = 0;
   for (const c of id) h = (h * 31 + c.codePointAt(0)) >>> 0;
   return COLOURS[h % COLOURS.length];
-}
-
-function niceStep(min) {
-  const p = Math.pow(10, Math.floor(Math.log10(min)));
-  for (const m of [1, 2, 5, 10]) if (m * p >= min) return m * p;
-  return 10 * p;
 }
 
 // The remaining route as points: from the vehicle while it is on the edge
@@ -66,20 +51,7 @@ function draw(s) {
   const cx = (x0 + x1) / 2, cy = (y0 + y1) / 2;
   const span = Math.max(4, x1 - x0 + 2, ((y1 - y0 + 2) * W) / Math.max(1, H));
   const scale = W / span;
-  const sx = (x) => W / 2 + (x - cx) * scale;
-  const sy = (y) => H / 2 - (y - cy) * scale;
-
-  const grid = $("grid");
-  grid.replaceChildren();
-  const step = niceStep(70 / scale);
-  for (let gx = Math.ceil((cx - W / 2 / scale) / step) * step; gx <= cx + W / 2 / scale; gx += step) {
-    el("line", { x1: sx(gx), x2: sx(gx), y1: 0, y2: H, class: Math.abs(gx) < step / 1e3 ? "axis" : "" }, grid);
-    el("text", { x: sx(gx) + 3, y: H - 6 }, grid).textContent = +gx.toFixed(3) + " m";
-  }
-  for (let gy = Math.ceil((cy - H / 2 / scale) / step) * step; gy <= cy + H / 2 / scale; gy += step) {
-    el("line", { y1: sy(gy), y2: sy(gy), x1: 0, x2: W, class: Math.abs(gy) < step / 1e3 ? "axis" : "" }, grid);
-    el("text", { x: 4, y: sy(gy) - 3 }, grid).textContent = +gy.toFixed(3) + " m";
-  }
+  const { sx, sy } = drawFrame(W, H, cx, cy, scale);
 
   const routes = $("routes"), vehicles = $("vehicles");
   routes.replaceChildren();
@@ -117,14 +89,6 @@ function draw(s) {
     if (mark) el("text", { class: "mark " + mark[0], x: 0, y: Math.max(len, wid) / 2 + 18, "text-anchor": "middle" }, g).textContent = mark[1];
   }
 
-  const bar = step * scale;
-  $("scale-bar").setAttribute("x1", W - 24 - bar);
-  $("scale-bar").setAttribute("x2", W - 24);
-  $("scale-bar").setAttribute("y1", H - 28);
-  $("scale-bar").setAttribute("y2", H - 28);
-  $("scale-label").setAttribute("x", W - 24 - bar);
-  $("scale-label").setAttribute("y", H - 36);
-  $("scale-label").textContent = +step.toFixed(3) + " m";
 }
 
 function panel(s) {

@@ -2,23 +2,7 @@
 // centred on the robot and zoomed so that the rest of its route stays in view.
 "use strict";
 
-const SVG = "http://www.w3.org/2000/svg";
-const $ = (id) => document.getElementById(id);
 let last = null;
-
-function el(name, attrs, parent) {
-  const e = document.createElementNS(SVG, name);
-  for (const k in attrs) e.setAttribute(k, attrs[k]);
-  if (parent) parent.appendChild(e);
-  return e;
-}
-
-// 1, 2 or 5 times a power of ten: the smallest such step at least min long.
-function niceStep(min) {
-  const p = Math.pow(10, Math.floor(Math.log10(min)));
-  for (const m of [1, 2, 5, 10]) if (m * p >= min) return m * p;
-  return 10 * p;
-}
 
 function fmt(v, digits) { return Number(v).toFixed(digits); }
 
@@ -28,24 +12,7 @@ function drawMap(s) {
   let reach = 1.5;
   for (const p of s.route) if (!p.passed) reach = Math.max(reach, Math.hypot(p.x - s.x, p.y - s.y));
   const scale = Math.max(8, Math.min(250, (Math.min(W, H) * 0.42) / (reach + 0.5)));
-  const sx = (x) => W / 2 + (x - s.x) * scale;
-  const sy = (y) => H / 2 - (y - s.y) * scale;
-
-  const grid = $("grid");
-  grid.replaceChildren();
-  const step = niceStep(70 / scale);
-  const x0 = s.x - W / 2 / scale, x1 = s.x + W / 2 / scale;
-  const y0 = s.y - H / 2 / scale, y1 = s.y + H / 2 / scale;
-  for (let gx = Math.ceil(x0 / step) * step; gx <= x1; gx += step) {
-    const axis = Math.abs(gx) < step / 1e3;
-    el("line", { x1: sx(gx), x2: sx(gx), y1: 0, y2: H, class: axis ? "axis" : "" }, grid);
-    el("text", { x: sx(gx) + 3, y: H - 6 }, grid).textContent = +gx.toFixed(3) + " m";
-  }
-  for (let gy = Math.ceil(y0 / step) * step; gy <= y1; gy += step) {
-    const axis = Math.abs(gy) < step / 1e3;
-    el("line", { y1: sy(gy), y2: sy(gy), x1: 0, x2: W, class: axis ? "axis" : "" }, grid);
-    el("text", { x: 4, y: sy(gy) - 3 }, grid).textContent = +gy.toFixed(3) + " m";
-  }
+  const { sx, sy } = drawFrame(W, H, s.x, s.y, scale);
 
   $("trail").setAttribute("points", s.trail.map((p) => sx(p[0]) + "," + sy(p[1])).join(" "));
 
@@ -65,15 +32,6 @@ function drawMap(s) {
 
   const deg = (s.heading * 180) / Math.PI;
   $("robot").setAttribute("transform", `translate(${sx(s.x)},${sy(s.y)}) rotate(${-deg})`);
-
-  const bar = step * scale;
-  $("scale-bar").setAttribute("x1", W - 24 - bar);
-  $("scale-bar").setAttribute("x2", W - 24);
-  $("scale-bar").setAttribute("y1", H - 28);
-  $("scale-bar").setAttribute("y2", H - 28);
-  $("scale-label").setAttribute("x", W - 24 - bar);
-  $("scale-label").setAttribute("y", H - 36);
-  $("scale-label").textContent = +step.toFixed(3) + " m";
 }
 
 function drawPanel(s) {
