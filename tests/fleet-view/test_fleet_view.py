@@ -115,6 +115,10 @@ def test_fleet_view_shows_every_vehicle_on_its_way_and_marks_the_lost():
             placed = lambda: (v := js(VEHICLES)) and len(v) == 10 and all(
                 abs(v["acme/" + s][1] - x) + abs(v["acme/" + s][2] - y) < 0.01 for s, (x, y) in START.items())
             until("10 vehicles drawn where they were put", placed)
+            # x grows to the right and y upwards on the screen, as VDA 5050 has it.
+            at = js("""return Object.fromEntries([...document.querySelectorAll('#vehicles .vehicle')].map((g) =>
+                [g.dataset.id.split('/')[1], [g.getBoundingClientRect().x, g.getBoundingClientRect().y]]));""")
+            assert at["r01"][0] > at["r00"][0] and at["r05"][1] < at["r00"][1], at
 
             for serial in SERIALS:
                 send(client, serial, "order", **order(serial))
